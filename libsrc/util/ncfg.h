@@ -1,0 +1,121 @@
+/*
+ * Sectioned configuration files of key and value lines.
+ *
+ * A handle holds one file, read with one read into one buffer and parsed in
+ * place into an ordered list of entries, one per meaningful line. It is
+ * re-read only when the file's size or modification time changed, and
+ * re-parsed only when its MD5 changed.
+ *
+ * File format accepted by the reader:
+ *   - Lines end at LF, CR or 0x1A (Ctrl-Z); runs of them make no empty entries.
+ *   - Blanks are form feed, TAB and SPACE. Trailing blanks of a line are
+ *     dropped, except on a last line that no line end follows.
+ *   - "; text"          a comment line (indented or not).
+ *   - "[ name ] ; text" a section header (indented or not); text after "]"
+ *                       that is not a comment is ignored; no "]" or an empty
+ *                       name drops the line.
+ *   - "key = value ; c" a key line; a line without "=" is dropped. A ";"
+ *                       starts a comment only outside quotes and after a
+ *                       blank (or right after the "=").
+ *   - an indented line that is none of the above continues the value above it.
+ *
+ * NUL bytes inside the file: the reader treats a NUL byte like a line end, so
+ * such a file always loads completely; the text on either side of the NUL
+ * becomes separate lines. The digest still covers every byte of the file.
+ *
+ * Every call returns 0 for success and -1 for failure (the refresh calls also
+ * 1 for "reloaded"). The library never prints. Strings handed out belong to
+ * the handle and stay valid until the next refresh, edit or TWK_Cfg_done.
+ */
+#ifndef TWK_NCFG_H
+#define TWK_NCFG_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <time.h>
+
+#include "md5.h"
+#include "util.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Ownership bits of TWK_CfgEntry.flags: the string was allocated for this
+ * entry alone and is freed with it. A clear bit means the string points into
+ * the handle's text buffer. */
+#define TWK_CFGE_OWNSECTION 0x8000
+#define TWK_CFGE_OWNID 0x4000
+#define TWK_CFGE_OWNVALUE 0x2000
+#define TWK_CFGE_OWNCOMMENT 0x1000
+
+/* TWK_CfgHandle.flags */
+#define TWK_CFG_LOADED 0x8000 /* the handle holds a parsed file */
+#define TWK_CFG_ATEND 0x4000  /* the cursor ran past the last entry */
+#define TWK_CFG_TYPEMASK 0x000F
+#define TWK_CFG_SECTION 1
+#define TWK_CFG_KEY 2
+#define TWK_CFG_CONTINUATION 3
+
+/* One parsed line. Section header: section (+comment). Key: id and value
+ * (+comment). Continuation: value without id (+comment). Comment line:
+ * comment only. */
+typedef struct TWK_CfgEntry {
+    char *section;
+    char *id;
+    char *value;
+    char *comment;
+    uint16_t flags;
+} TWK_CfgEntry;
+
+/* One open configuration file. */
+typedef struct TWK_CfgHandle {
+    char *fileName;         /* owned copy of the path given at open */
+    int dirty;              /* entries differ from what was loaded or committed */
+    char *text;             /* the file's bytes plus a NUL, parsed in place */
+    int64_t size;           /* file size at the last full load */
+    time_t mtime;           /* modification time (seconds) at the last full load */
+    unsigned char digest[16]; /* MD5 of the content last loaded or committed */
+    uint32_t numEntries;
+    uint32_t maxEntries;
+    TWK_CfgEntry *entries;
+    uint32_t cursor;        /* index of the next entry the cursor visits */
+    char *section;          /* last section header the cursor visited */
+    char *id;               /* key of the current entry, or NULL */
+    char *value;            /* value of the current entry, or NULL */
+    char *comment;          /* reserved; always NULL */
+    uint16_t flags;         /* TWK_CFG_LOADED, TWK_CFG_ATEND, entry type */
+    pthread_mutex_t mutex;  /* guards all of the above */
+} TWK_CfgHandle;
+
+/* Opens and loads the file at path. On failure stores NULL and returns -1
+ * (a missing or unreadable file, or one that is not a regular file). */
+int32_t TWK_Cfg_init(TWK_CfgHandle **handle, const char *path);
+
+/* As TWK_Cfg_init; with create nonzero a missing file is first created empty. */
+int32_t TWK_Cfg_init2(TWK_CfgHandle **handle, const char *path, int create);
+
+/* Releases the handle and everything it owns. Accepts NULL. Returns 0. */
+int32_t TWK_Cfg_done(TWK_CfgHandle *handle);
+
+/* Re-reads the file if it changed: -1 error, 0 unchanged, 1 reloaded.
+ * A dirty handle drops its unsaved edits first. _cfg_refresh takes no lock. */
+int32_t _cfg_refresh(TWK_CfgHandle *handle);
+int32_t TWK_Cfg_refresh(TWK_CfgHandle *handle);
+
+/* Moves the cursor before the first entry. */
+int32_t TWK_Cfg_rewind(TWK_CfgHandle *handle);
+
+/* Steps to the next section header, key or continuation line and sets the
+ * current-entry fields; -1 past the end. */
+int32_t TWK_Cfg_nextentry(TWK_CfgHandle *handle);
+
+/* Finds the first section named section (ignoring case) and, when key is not
+ * NULL, the first key of that name in it. 0 found, -1 not found. */
+int32_t TWK_Cfg_find(TWK_CfgHandle *handle, const char *section, const char *key);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

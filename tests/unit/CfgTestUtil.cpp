@@ -1,0 +1,36 @@
+#include "CfgTestUtil.h"
+
+#include <gtest/gtest.h>
+
+namespace testsupport {
+
+std::ostream &operator<<(std::ostream &os, const Entry &e) {
+    auto show = [&](const char *name, const std::optional<std::string> &v) {
+        os << name << '=' << (v ? "\"" + *v + "\"" : std::string("NULL")) << ' ';
+    };
+    os << "{ ";
+    show("section", e.section);
+    show("id", e.id);
+    show("value", e.value);
+    show("comment", e.comment);
+    return os << '}';
+}
+
+std::vector<Entry> entriesOf(const TWK_CfgHandle *h) {
+    std::vector<Entry> out;
+    for (uint32_t i = 0; i < h->numEntries; i++) {
+        const TWK_CfgEntry &e = h->entries[i];
+        out.push_back({opt(e.section), opt(e.id), opt(e.value), opt(e.comment)});
+    }
+    return out;
+}
+
+Handle loadText(const TempDir &dir, std::string_view text, const std::string &name) {
+    const std::string path = dir / name;
+    writeFile(path, text);
+    TWK_CfgHandle *h = nullptr;
+    EXPECT_EQ(TWK_Cfg_init(&h, path.c_str()), 0) << "cannot load " << path;
+    return Handle(h);
+}
+
+} // namespace testsupport

@@ -1,0 +1,96 @@
+// One handle shared by several threads: the handle's own mutex serialises
+// the calls; reading the current-entry fields is the caller's to guard.
+#include "CfgTestUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <set>
+#include <thread>
+
+using namespace testsupport;
+
+namespace {
+
+// Rewrites the file with a new value by rename, so readers never see it
+// half written, and with a new time so a refresh notices.
+void rewrite(const TempDir &dir, const std::string &path, int generation) {
+    const std::string tmp = dir / "next.ini";
+    writeFile(tmp, "[s]\nk = v" + std::to_string(generation) + "\n; pad\n[t]\nj=1\n");
+    setMtime(tmp, 1000000000 + generation);
+    ASSERT_EQ(std::rename(tmp.c_str(), path.c_str()), 0);
+}
+
+TEST(CfgThreads, ConcurrentRefreshAndLookupStayConsistent) {
+    TempDir dir;
+    const std::string path = dir / "c.ini";
+    rewrite(dir, path, 0);
+    TWK_CfgHandle *raw = nullptr;
+    ASSERT_EQ(TWK_Cfg_init(&raw, path.c_str()), 0);
+    Handle h(raw);
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> badFind{0}, badRefresh{0}, reloads{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 4; t++) {
+        readers.emplace_back([&] {
+            while (!stop.load()) {
+                const int r = TWK_Cfg_refresh(h.get());
+                if (r == 1) reloads++;
+                if (r < 0) badRefresh++;
+                if (TWK_Cfg_find(h.get(), "s", "k") != 0) badFind++;
+                if (TWK_Cfg_find(h.get(), "t", nullptr) != 0) badFind++;
+                if (TWK_Cfg_rewind(h.get()) != 0) badFind++;
+                while (TWK_Cfg_nextentry(h.get()) == 0) {
+                }
+            }
+        });
+    }
+    for (int g = 1; g <= 300; g++) rewrite(dir, path, g);
+    stop = true;
+    for (auto &t : readers) t.join();
+
+    EXPECT_EQ(badFind.load(), 0);
+    EXPECT_EQ(badRefresh.load(), 0);
+    EXPECT_GT(reloads.load(), 0);
+    ASSERT_EQ(TWK_Cfg_refresh(h.get()) >= 0, true);
+    ASSERT_EQ(TWK_Cfg_find(h.get(), "s", "k"), 0);
+    EXPECT_STREQ(h->value, "v300");
+}
+
+TEST(CfgThreads, CallersGuardingFieldReadsSeeWholeValues) {
+    TempDir dir;
+    const std::string path = dir / "c.ini";
+    rewrite(dir, path, 0);
+    TWK_CfgHandle *raw = nullptr;
+    ASSERT_EQ(TWK_Cfg_init(&raw, path.c_str()), 0);
+    Handle h(raw);
+
+    std::mutex callerLock;
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) {
+        threads.emplace_back([&] {
+            while (!stop.load()) {
+                std::lock_guard<std::mutex> guard(callerLock);
+                TWK_Cfg_refresh(h.get());
+                if (TWK_Cfg_find(h.get(), "s", "k") != 0) {
+                    bad++;
+                    continue;
+                }
+                const std::string v = h->value;
+                if (v.size() < 2 || v[0] != 'v' || v.find_first_not_of("0123456789", 1) != std::string::npos)
+                    bad++;
+            }
+        });
+    }
+    for (int g = 1; g <= 200; g++) rewrite(dir, path, g);
+    stop = true;
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(bad.load(), 0);
+}
+
+} // namespace
