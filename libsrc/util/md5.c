@@ -7,16 +7,32 @@
 
 #include <string.h>
 
+/* Round functions in forms that keep the newest chaining word (x) late in
+ * each expression, so that as little as possible waits on it. */
 #define F(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
-#define G(x, y, z) ((y) ^ ((z) & ((x) ^ (y))))
 #define H(x, y, z) ((x) ^ (y) ^ (z))
 #define I(x, y, z) ((y) ^ ((x) | ~(z)))
 
 #define ROTL(x, n) (((x) << (n)) | ((x) >> (32 - (n))))
 
+/* Message word and constant are added before the round function: they do not
+ * depend on the previous step, so the dependency chain per step is only the
+ * round function, one add, the rotation and the final add. */
 #define STEP(f, a, b, c, d, x, t, s)                                                               \
     do {                                                                                           \
-        (a) += f((b), (c), (d)) + (x) + (uint32_t)(t);                                             \
+        (a) += (x) + (uint32_t)(t);                                                                \
+        (a) += f((b), (c), (d));                                                                   \
+        (a) = ROTL((a), (s)) + (b);                                                                \
+    } while (0)
+
+/* G(b, c, d) = (b & d) | (c & ~d): the two terms share no bits, so it is also
+ * their sum, and the term without b can be added while b is still being
+ * computed. */
+#define STEP_G(a, b, c, d, x, t, s)                                                                \
+    do {                                                                                           \
+        (a) += (x) + (uint32_t)(t);                                                                \
+        (a) += (c) & ~(d);                                                                         \
+        (a) += (b) & (d);                                                                          \
         (a) = ROTL((a), (s)) + (b);                                                                \
     } while (0)
 
@@ -67,22 +83,22 @@ static void md5_blocks(uint32_t state[4], const unsigned char *p, size_t nblocks
         STEP(F, c, d, a, b, x14, 0xa679438e, 17);
         STEP(F, b, c, d, a, x15, 0x49b40821, 22);
 
-        STEP(G, a, b, c, d, x1, 0xf61e2562, 5);
-        STEP(G, d, a, b, c, x6, 0xc040b340, 9);
-        STEP(G, c, d, a, b, x11, 0x265e5a51, 14);
-        STEP(G, b, c, d, a, x0, 0xe9b6c7aa, 20);
-        STEP(G, a, b, c, d, x5, 0xd62f105d, 5);
-        STEP(G, d, a, b, c, x10, 0x02441453, 9);
-        STEP(G, c, d, a, b, x15, 0xd8a1e681, 14);
-        STEP(G, b, c, d, a, x4, 0xe7d3fbc8, 20);
-        STEP(G, a, b, c, d, x9, 0x21e1cde6, 5);
-        STEP(G, d, a, b, c, x14, 0xc33707d6, 9);
-        STEP(G, c, d, a, b, x3, 0xf4d50d87, 14);
-        STEP(G, b, c, d, a, x8, 0x455a14ed, 20);
-        STEP(G, a, b, c, d, x13, 0xa9e3e905, 5);
-        STEP(G, d, a, b, c, x2, 0xfcefa3f8, 9);
-        STEP(G, c, d, a, b, x7, 0x676f02d9, 14);
-        STEP(G, b, c, d, a, x12, 0x8d2a4c8a, 20);
+        STEP_G(a, b, c, d, x1, 0xf61e2562, 5);
+        STEP_G(d, a, b, c, x6, 0xc040b340, 9);
+        STEP_G(c, d, a, b, x11, 0x265e5a51, 14);
+        STEP_G(b, c, d, a, x0, 0xe9b6c7aa, 20);
+        STEP_G(a, b, c, d, x5, 0xd62f105d, 5);
+        STEP_G(d, a, b, c, x10, 0x02441453, 9);
+        STEP_G(c, d, a, b, x15, 0xd8a1e681, 14);
+        STEP_G(b, c, d, a, x4, 0xe7d3fbc8, 20);
+        STEP_G(a, b, c, d, x9, 0x21e1cde6, 5);
+        STEP_G(d, a, b, c, x14, 0xc33707d6, 9);
+        STEP_G(c, d, a, b, x3, 0xf4d50d87, 14);
+        STEP_G(b, c, d, a, x8, 0x455a14ed, 20);
+        STEP_G(a, b, c, d, x13, 0xa9e3e905, 5);
+        STEP_G(d, a, b, c, x2, 0xfcefa3f8, 9);
+        STEP_G(c, d, a, b, x7, 0x676f02d9, 14);
+        STEP_G(b, c, d, a, x12, 0x8d2a4c8a, 20);
 
         STEP(H, a, b, c, d, x5, 0xfffa3942, 4);
         STEP(H, d, a, b, c, x8, 0x8771f681, 11);

@@ -5,15 +5,17 @@
  * writes NUL bytes into the buffer to end strings, and entries point into it,
  * so a load allocates the buffer and the entries array and nothing else.
  */
-#define _POSIX_C_SOURCE 200809L
+#define _DEFAULT_SOURCE /* madvise */
 
 #include "ncfg_internal.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +30,53 @@ static const unsigned char byte_class[256] = {
 
 #define IS_EOL(c) (byte_class[(unsigned char)(c)] & C_EOL)
 #define IS_BLANK(c) (byte_class[(unsigned char)(c)] & C_BLANK)
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+/* First line-end byte in [p, end), or end. */
+static inline char *find_eol(char *p, char *end) {
+#ifdef __SSE2__
+    const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r'), eof = _mm_set1_epi8(0x1A),
+                  nul = _mm_setzero_si128();
+    while (end - p >= 16) {
+        const __m128i v = _mm_loadu_si128((const __m128i *)(const void *)p);
+        const __m128i hit =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, lf), _mm_cmpeq_epi8(v, cr)),
+                         _mm_or_si128(_mm_cmpeq_epi8(v, eof), _mm_cmpeq_epi8(v, nul)));
+        const int mask = _mm_movemask_epi8(hit);
+        if (mask) return p + __builtin_ctz((unsigned)mask);
+        p += 16;
+    }
+#endif
+    while (p < end && !IS_EOL(*p)) p++;
+    return p;
+}
+
+/* First byte in [p, end) that can matter to a value scan: a quote or ';'. */
+static inline char *find_value_special(char *p, const char *end) {
+#ifdef __SSE2__
+    const __m128i dq = _mm_set1_epi8('"'), sq = _mm_set1_epi8('\''), sc = _mm_set1_epi8(';');
+    while (end - p >= 16) {
+        const __m128i v = _mm_loadu_si128((const __m128i *)(const void *)p);
+        const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, dq), _mm_cmpeq_epi8(v, sq)),
+                                         _mm_cmpeq_epi8(v, sc));
+        const int mask = _mm_movemask_epi8(hit);
+        if (mask) return p + __builtin_ctz((unsigned)mask);
+        p += 16;
+    }
+#endif
+    while (p < end && *p != '"' && *p != '\'' && *p != ';') p++;
+    return (char *)p;
+}
+
+/* rtrim for a string whose end is known: drops isspace characters before
+ * end, but not before start, and ends the string there. */
+static inline void trim_to(char *start, char *end) {
+    while (end > start && isspace((unsigned char)end[-1])) end--;
+    *end = '\0';
+}
 
 /* ---- entries and handle bookkeeping ---- */
 
@@ -78,20 +127,24 @@ int cfg_reserve(TWK_CfgHandle *h, uint32_t more) {
  * comment: a ';' outside quotes whose preceding byte is a blank or the NUL
  * that replaced the '='. Returns the comment or NULL. */
 static char *scan_value(char *v, const char *lend) {
-    char quote = 0;
-    for (char *c = v; c < lend; c++) {
-        const char ch = *c;
-        if (quote) {
-            if (ch == quote) quote = 0;
-        } else if (ch == '"' || ch == '\'') {
-            quote = ch;
-        } else if (ch == ';' && (c[-1] == '\0' || IS_BLANK(c[-1]))) {
-            *c = '\0';
-            rtrim(v);
-            return c + 1;
+    char *c = v;
+    for (;;) {
+        c = find_value_special(c, lend);
+        if (c >= lend) return NULL;
+        if (*c == ';') {
+            if (c[-1] == '\0' || IS_BLANK(c[-1])) {
+                *c = '\0';
+                trim_to(v, c);
+                return c + 1;
+            }
+            c++;
+            continue;
         }
+        /* A quoted run: only the same character closes it. */
+        const char *close = memchr(c + 1, *c, (size_t)(lend - (c + 1)));
+        if (close == NULL) return NULL;
+        c = (char *)close + 1;
     }
-    return NULL;
 }
 
 /* Parses h->text (h->size bytes and a NUL) into entries. -1 when the entries
@@ -105,8 +158,7 @@ static int cfg_parse(TWK_CfgHandle *h) {
         if (p >= end) break;
 
         char *line = p;
-        char *lend = p;
-        while (lend < end && !IS_EOL(*lend)) lend++;
+        char *lend = find_eol(p, end);
         if (lend < end) {
             /* A terminated line loses its trailing blanks; the last line of a
              * file without a final line end keeps them. */
@@ -132,7 +184,8 @@ static int cfg_parse(TWK_CfgHandle *h) {
             char *close = memchr(name, ']', (size_t)(lend - name));
             if (close == NULL) continue;
             *close = '\0';
-            if (rtrim(name) == NULL) continue;
+            trim_to(name, close);
+            if (*name == '\0') continue;
             char *after = close + 1;
             while (after < lend && IS_BLANK(*after)) after++;
             if (after < lend && *after == ';') comment = after + 1;
@@ -144,7 +197,7 @@ static int cfg_parse(TWK_CfgHandle *h) {
             char *eq = memchr(s, '=', (size_t)(lend - s));
             if (eq == NULL) continue;
             *eq = '\0';
-            rtrim(s);
+            trim_to(s, eq);
             id = s;
             char *v = eq + 1;
             while (v < lend && IS_BLANK(*v)) v++;
@@ -178,6 +231,84 @@ static int read_exactly(int fd, char *buf, size_t size) {
     return 0;
 }
 
+static void digest_bytes(const char *buf, size_t size, unsigned char digest[16]) {
+    /* The digest length is 32 bits wide: past 4 GiB only size mod 2^32 bytes
+     * are digested. */
+    TWK_MD5Context ctx;
+    TWK_MD5Init(&ctx);
+    TWK_MD5Update(&ctx, buf, (uint32_t)size);
+    TWK_MD5Final(digest, &ctx);
+}
+
+/* Files from this size on are digested on a helper thread while the main
+ * thread reads and parses them: MD5 costs about as much as reading and
+ * parsing together, and a thread costs nothing next to either at this size. */
+#define PARALLEL_DIGEST_MIN ((size_t)1 << 20)
+
+/* The helper reads the file on its own through pread, so it never looks at
+ * the buffer the parser is writing into. */
+struct digest_job {
+    int fd;
+    size_t size;
+    int ok;
+    unsigned char digest[16];
+};
+
+static void *digest_worker(void *arg) {
+    struct digest_job *job = arg;
+    enum { CHUNK = 128 * 1024 };
+    unsigned char chunk[CHUNK];              /* threads get megabytes of stack; this is 128 KiB */
+    const size_t todo = (uint32_t)job->size; /* size mod 2^32, as above */
+    TWK_MD5Context ctx;
+    TWK_MD5Init(&ctx);
+    size_t done = 0;
+    job->ok = 1;
+    while (done < todo) {
+        size_t want = todo - done < CHUNK ? todo - done : CHUNK;
+        ssize_t n = pread(job->fd, chunk, want, (off_t)done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            job->ok = 0;
+            break;
+        }
+        TWK_MD5Update(&ctx, chunk, (uint32_t)n);
+        done += (size_t)n;
+    }
+    TWK_MD5Final(job->digest, &ctx);
+    return NULL;
+}
+
+/* The buffer for a file's text. Large ones are aligned to and marked for huge
+ * pages where the system has them: faulting in a fresh 16 MB buffer 4 KiB at a
+ * time otherwise costs as much as parsing it. */
+static char *alloc_text(size_t size) {
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    const size_t huge = (size_t)2 << 20;
+    if (size + 1 >= huge) {
+        void *p = NULL;
+        const size_t rounded = (size + 1 + huge - 1) & ~(huge - 1);
+        if (posix_memalign(&p, huge, rounded) != 0) return NULL;
+        madvise(p, rounded, MADV_HUGEPAGE);
+        return p;
+    }
+#endif
+    return malloc(size + 1);
+}
+
+/* Moves a freshly read and parsed file into h, replacing what it held. */
+static void install(TWK_CfgHandle *h, TWK_CfgHandle *fresh, const unsigned char digest[16],
+                    time_t mtime) {
+    cfg_clear(h);
+    memcpy(h->digest, digest, 16);
+    h->text = fresh->text;
+    h->size = fresh->size;
+    h->mtime = mtime;
+    h->entries = fresh->entries;
+    h->numEntries = fresh->numEntries;
+    h->maxEntries = fresh->maxEntries;
+    h->flags = TWK_CFG_LOADED;
+}
+
 int32_t _cfg_refresh(TWK_CfgHandle *h) {
     if (h == NULL) return -1;
     struct stat st;
@@ -198,42 +329,58 @@ int32_t _cfg_refresh(TWK_CfgHandle *h) {
         close(fd);
         return -1;
     }
-
     const size_t size = (size_t)st.st_size;
-    char *buf = malloc(size + 1);
-    if (buf == NULL || read_exactly(fd, buf, size) != 0) {
-        free(buf);
-        close(fd);
-        return -1;
+
+    struct digest_job job = {.fd = fd, .size = size};
+    pthread_t worker;
+    const int parallel =
+        size >= PARALLEL_DIGEST_MIN && pthread_create(&worker, NULL, digest_worker, &job) == 0;
+
+    /* The new content is parsed into a scratch handle; h keeps its entries
+     * until the digest shows that the content really changed. */
+    TWK_CfgHandle fresh;
+    memset(&fresh, 0, offsetof(TWK_CfgHandle, mutex));
+    fresh.text = alloc_text(size);
+    int readOk = fresh.text != NULL && read_exactly(fd, fresh.text, size) == 0;
+    int parseOk = 0;
+    unsigned char digest[16];
+    if (readOk) {
+        fresh.text[size] = '\0';
+        fresh.size = (int64_t)size;
+        if (!parallel) {
+            digest_bytes(fresh.text, size, digest);
+            if (memcmp(digest, h->digest, sizeof(digest)) == 0) {
+                /* Same bytes: keep the entries. size and mtime stay as they
+                 * were, so a touched file is read and digested again next time. */
+                free(fresh.text);
+                close(fd);
+                return 0;
+            }
+        }
+        parseOk = size == 0 || cfg_parse(&fresh) == 0;
     }
-    buf[size] = '\0';
+    if (parallel) {
+        pthread_join(worker, NULL);
+        readOk = readOk && job.ok;
+        memcpy(digest, job.digest, sizeof(digest));
+    }
     close(fd);
 
-    /* The digest length is 32 bits wide: past 4 GiB only size mod 2^32 bytes
-     * are digested. */
-    unsigned char digest[16];
-    TWK_MD5Context ctx;
-    TWK_MD5Init(&ctx);
-    TWK_MD5Update(&ctx, buf, (uint32_t)size);
-    TWK_MD5Final(digest, &ctx);
+    if (!readOk) {
+        cfg_clear(&fresh);
+        return -1;
+    }
     if (memcmp(digest, h->digest, sizeof(digest)) == 0) {
-        /* Same bytes: keep the entries. size and mtime stay as they were, so
-         * a touched file is read and digested again next time. */
-        free(buf);
+        cfg_clear(&fresh);
         return 0;
     }
-
-    cfg_clear(h);
-    memcpy(h->digest, digest, sizeof(digest));
-    h->text = buf;
-    h->size = (int64_t)size;
-    h->mtime = st.st_mtime;
-
-    if (size > 0 && cfg_parse(h) != 0) {
+    if (!parseOk) {
+        /* New content that cannot be held: the old entries are gone too. */
+        cfg_clear(&fresh);
         cfg_clear(h);
         return -1;
     }
-    h->flags = TWK_CFG_LOADED;
+    install(h, &fresh, digest, st.st_mtime);
     return 1;
 }
 
@@ -259,8 +406,8 @@ int32_t TWK_Cfg_init2(TWK_CfgHandle **handle, const char *path, int create) {
     if (create && access(path, F_OK) != 0) {
         /* Create it empty; whether that worked shows in the load below. The
          * open must not block on anything that appears in the meantime. */
-        int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
-                      0666);
+        int fd =
+            open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
         if (fd >= 0) close(fd);
     }
     if (_cfg_refresh(h) < 0) {

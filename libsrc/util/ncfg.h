@@ -70,22 +70,22 @@ typedef struct TWK_CfgEntry {
 
 /* One open configuration file. */
 typedef struct TWK_CfgHandle {
-    char *fileName;         /* owned copy of the path given at open */
-    int dirty;              /* entries differ from what was loaded or committed */
-    char *text;             /* the file's bytes plus a NUL, parsed in place */
-    int64_t size;           /* file size at the last full load */
-    time_t mtime;           /* modification time (seconds) at the last full load */
+    char *fileName;           /* owned copy of the path given at open */
+    int dirty;                /* entries differ from what was loaded or committed */
+    char *text;               /* the file's bytes plus a NUL, parsed in place */
+    int64_t size;             /* file size at the last full load */
+    time_t mtime;             /* modification time (seconds) at the last full load */
     unsigned char digest[16]; /* MD5 of the content last loaded or committed */
     uint32_t numEntries;
     uint32_t maxEntries;
     TWK_CfgEntry *entries;
-    uint32_t cursor;        /* index of the next entry the cursor visits */
-    char *section;          /* last section header the cursor visited */
-    char *id;               /* key of the current entry, or NULL */
-    char *value;            /* value of the current entry, or NULL */
-    char *comment;          /* reserved; always NULL */
-    uint16_t flags;         /* TWK_CFG_LOADED, TWK_CFG_ATEND, entry type */
-    pthread_mutex_t mutex;  /* guards all of the above */
+    uint32_t cursor;       /* index of the next entry the cursor visits */
+    char *section;         /* last section header the cursor visited */
+    char *id;              /* key of the current entry, or NULL */
+    char *value;           /* value of the current entry, or NULL */
+    char *comment;         /* reserved; always NULL */
+    uint16_t flags;        /* TWK_CFG_LOADED, TWK_CFG_ATEND, entry type */
+    pthread_mutex_t mutex; /* guards all of the above */
 } TWK_CfgHandle;
 
 /* Opens and loads the file at path. On failure stores NULL and returns -1

@@ -69,7 +69,9 @@ TEST_F(CfgLookup, Init2InAnUnwritableDirectoryFails) {
     EXPECT_EQ(raw, nullptr);
 }
 
-TEST_F(CfgLookup, DoneAcceptsNull) { EXPECT_EQ(TWK_Cfg_done(nullptr), 0); }
+TEST_F(CfgLookup, DoneAcceptsNull) {
+    EXPECT_EQ(TWK_Cfg_done(nullptr), 0);
+}
 
 TEST_F(CfgLookup, CallsOnANullHandleFail) {
     EXPECT_EQ(TWK_Cfg_refresh(nullptr), -1);

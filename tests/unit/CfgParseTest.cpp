@@ -100,8 +100,8 @@ TEST_F(CfgParse, KeyLosesTrailingWhiteSpace) {
 TEST_F(CfgParse, IndentedLineAfterKeyIsContinuation) {
     Handle h = loadText(dir, "[s]\nk = v\n  more\n");
     ASSERT_TRUE(h);
-    EXPECT_EQ(entriesOf(h.get()),
-              (std::vector<Entry>{sectionEntry("s"), keyEntry("k", "v"), continuationEntry("more")}));
+    EXPECT_EQ(entriesOf(h.get()), (std::vector<Entry>{sectionEntry("s"), keyEntry("k", "v"),
+                                                      continuationEntry("more")}));
     ASSERT_EQ(TWK_Cfg_find(h.get(), "s", "k"), 0);
     ASSERT_EQ(TWK_Cfg_nextentry(h.get()), 0);
     EXPECT_EQ(h->flags & TWK_CFG_TYPEMASK, TWK_CFG_CONTINUATION);
@@ -128,8 +128,9 @@ TEST_F(CfgParse, IndentedHeaderAndIndentedCommentKeepTheirKind) {
 }
 
 TEST_F(CfgParse, CommentLineKeepsEverythingAfterSemicolon) {
-    EXPECT_EQ(parse(";; two\n;\n; a = b\n"),
-              (std::vector<Entry>{commentEntry("; two"), commentEntry(""), commentEntry(" a = b")}));
+    EXPECT_EQ(
+        parse(";; two\n;\n; a = b\n"),
+        (std::vector<Entry>{commentEntry("; two"), commentEntry(""), commentEntry(" a = b")}));
 }
 
 TEST_F(CfgParse, UnterminatedLastLineKeepsTrailingBlanks) {
@@ -146,8 +147,14 @@ TEST_F(CfgParse, CrLfLoneCrAndCtrlZAllEndLines) {
                                       keyEntry("c", "3")};
     EXPECT_EQ(parse("[s]\r\na=1\r\nb=2\r\nc=3\r\n"), expected);
     EXPECT_EQ(parse("[s]\ra=1\rb=2\rc=3\r"), expected);
-    EXPECT_EQ(parse("[s]\x1a" "a=1\x1a" "b=2\x1a" "c=3\x1a"), expected);
-    EXPECT_EQ(parse("[s]\r\n\r\n\n\x1a\r" "a=1\n\n\nb=2\r\r\rc=3"), expected);
+    EXPECT_EQ(parse("[s]\x1a"
+                    "a=1\x1a"
+                    "b=2\x1a"
+                    "c=3\x1a"),
+              expected);
+    EXPECT_EQ(parse("[s]\r\n\r\n\n\x1a\r"
+                    "a=1\n\n\nb=2\r\r\rc=3"),
+              expected);
 }
 
 TEST_F(CfgParse, UnterminatedBlankLastLineIsEmptyContinuation) {
@@ -162,7 +169,8 @@ TEST_F(CfgParse, UnterminatedBlankLastLineIsEmptyContinuation) {
 }
 
 TEST_F(CfgParse, TerminatedBlankLastLineProducesNothing) {
-    EXPECT_EQ(parse("[s]\nk=v\n  \t \n"), (std::vector<Entry>{sectionEntry("s"), keyEntry("k", "v")}));
+    EXPECT_EQ(parse("[s]\nk=v\n  \t \n"),
+              (std::vector<Entry>{sectionEntry("s"), keyEntry("k", "v")}));
 }
 
 TEST_F(CfgParse, KeysOfDuplicateSectionsAreFoundOnlyInTheFirst) {
@@ -198,8 +206,9 @@ TEST_F(CfgParse, SectionAndKeyMatchingIgnoresCase) {
 }
 
 TEST_F(CfgParse, Utf8BytesPassThroughUntouched) {
-    EXPECT_EQ(parse("[Größe]\nname = Ünïcødé ; Kommentär\n"),
-              (std::vector<Entry>{sectionEntry("Größe"), keyEntry("name", "Ünïcødé", " Kommentär")}));
+    EXPECT_EQ(
+        parse("[Größe]\nname = Ünïcødé ; Kommentär\n"),
+        (std::vector<Entry>{sectionEntry("Größe"), keyEntry("name", "Ünïcødé", " Kommentär")}));
 }
 
 TEST_F(CfgParse, NulByteEndsItsLineAndTheRestStillLoads) {

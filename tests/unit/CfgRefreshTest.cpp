@@ -176,6 +176,34 @@ TEST_F(CfgRefresh, ReloadResetsTheCursor) {
     EXPECT_EQ(h->flags, TWK_CFG_LOADED);
 }
 
+// Large files are digested on a helper thread while they are parsed; the
+// outcomes must be those of the small-file path.
+TEST_F(CfgRefresh, LargeFileKeepsEntriesWhenTouchedAndReloadsWhenChanged) {
+    std::string text = "[s]\nk=aaaa\n";
+    while (text.size() < (size_t{3} << 20)) text += "; padding line to make the file large\n";
+    Handle h = open(text);
+    ASSERT_TRUE(h);
+    const char *before = h->text;
+    unsigned char expected[16];
+    TWK_MD5Context ctx;
+    TWK_MD5Init(&ctx);
+    TWK_MD5Update(&ctx, text.data(), static_cast<uint32_t>(text.size()));
+    TWK_MD5Final(expected, &ctx);
+    EXPECT_EQ(std::memcmp(h->digest, expected, 16), 0);
+
+    setMtime(path, 1000000100);
+    EXPECT_EQ(TWK_Cfg_refresh(h.get()), 0);
+    EXPECT_EQ(h->text, before);
+    EXPECT_EQ(valueOf(h.get(), "k"), "aaaa");
+
+    text[6] = 'b';
+    writeFile(path, text);
+    setMtime(path, 1000000200);
+    EXPECT_EQ(TWK_Cfg_refresh(h.get()), 1);
+    EXPECT_EQ(valueOf(h.get(), "k"), "baaa");
+    EXPECT_EQ(h->mtime, 1000000200);
+}
+
 // A file of 4 GiB or more is digested only over its first size mod 2^32
 // bytes. The file is sparse, so this costs memory but little disk.
 TEST_F(CfgRefresh, DigestOfAFileOver4GiBCoversOnlySizeModulo4GiB) {

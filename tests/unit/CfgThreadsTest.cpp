@@ -82,7 +82,8 @@ TEST(CfgThreads, CallersGuardingFieldReadsSeeWholeValues) {
                     continue;
                 }
                 const std::string v = h->value;
-                if (v.size() < 2 || v[0] != 'v' || v.find_first_not_of("0123456789", 1) != std::string::npos)
+                if (v.size() < 2 || v[0] != 'v' ||
+                    v.find_first_not_of("0123456789", 1) != std::string::npos)
                     bad++;
             }
         });

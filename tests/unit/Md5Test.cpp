@@ -53,7 +53,7 @@ TEST(Md5, MatchesTheRfc1321TestSuite) {
         {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
         {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
          "d174ab98d277d9f5a5611c2c9f419d9f"},
-            };
+    };
     for (const auto &[input, digest] : suite)
         EXPECT_EQ(md5Of(input, std::string(input).size()), digest) << '"' << input << '"';
     std::string digits;
@@ -79,8 +79,8 @@ TEST(Md5, AgreesWithOpensslAroundEveryPaddingBoundary) {
 
 TEST(Md5, AgreesWithOpensslOnLargeBuffers) {
     std::mt19937 gen(3);
-    for (size_t len : {size_t{1} << 20, (size_t{1} << 20) + 55, (size_t{3} << 20) + 17,
-                       size_t{4} << 20}) {
+    for (size_t len :
+         {size_t{1} << 20, (size_t{1} << 20) + 55, (size_t{3} << 20) + 17, size_t{4} << 20}) {
         const auto data = randomBytes(len, static_cast<unsigned>(len));
         EXPECT_EQ(md5Of(data.data(), len), opensslMd5(data.data(), len)) << "length " << len;
     }

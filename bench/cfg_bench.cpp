@@ -1,0 +1,265 @@
+// Configuration library benchmarks, each against a peer or a floor measured
+// in the same run:
+//   - loading a large generated file, against inih's ini_parse;
+//   - loading a small "quendral.ini", against a bare open/read/close of it;
+//   - MD5 of 256 MiB, against OpenSSL;
+//   - allocations of a load, against the number of entries.
+#include "AllocCounter.h"
+#include "BenchReport.h"
+#include "ncfg.h"
+
+#include <benchmark/benchmark.h>
+#include <ini.h>
+#include <openssl/evp.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::string workDir;
+std::string largeFile, smallFile;
+int64_t largeSize = 0;
+
+// sections x keys key lines, with comment lines, header comments, quoted
+// values holding ';', inline comments and continuation lines.
+std::string generate(int sections, int keys) {
+    std::string out;
+    out.reserve(static_cast<size_t>(sections) * keys * 44);
+    char line[256];
+    for (int s = 0; s < sections; s++) {
+        std::snprintf(line, sizeof line, "; settings of group %d\n[section_%d] ; header\n", s, s);
+        out += line;
+        for (int k = 0; k < keys; k++) {
+            switch (k % 4) {
+            case 0:
+                std::snprintf(line, sizeof line,
+                              "key_%02d = value_of_group_%d_number_%d ; note on %d\n", k, s, k, k);
+                break;
+            case 1:
+                std::snprintf(line, sizeof line, "key_%02d = \"a quoted value ; %d\" ; comment\n",
+                              k, s);
+                break;
+            case 2:
+                std::snprintf(line, sizeof line, "key_%02d = first part %d\n    second part %d\n",
+                              k, s, k);
+                break;
+            default:
+                std::snprintf(line, sizeof line, "key_%02d=%d\n", k, s * k + 1000000);
+                break;
+            }
+            out += line;
+        }
+        out += "\n";
+    }
+    return out;
+}
+
+void writeOut(const std::string &path, const std::string &text) {
+    FILE *f = std::fopen(path.c_str(), "wb");
+    if (!f || std::fwrite(text.data(), 1, text.size(), f) != text.size()) std::abort();
+    std::fclose(f);
+}
+
+void setUp() {
+    char tmpl[] = "/tmp/cfgbench.XXXXXX";
+    if (!mkdtemp(tmpl)) std::abort();
+    workDir = tmpl;
+    largeFile = workDir + "/large.ini";
+    const std::string text = generate(20000, 20);
+    largeSize = static_cast<int64_t>(text.size());
+    writeOut(largeFile, text);
+    smallFile = workDir + "/quendral.ini";
+    writeOut(smallFile, "; Quendral server configuration\n"
+                        "[database]\n"
+                        "lockfile     = quendral.lck\n"
+                        "errorlogfile = quendral.log ; diagnostic log\n"
+                        "port         = 1112\n"
+                        "\n"
+                        "[parameters]\n"
+                        "threads      = 10\n"
+                        "buffers      = 2000\n"
+                        "checkpoint   = 60 ; minutes\n"
+                        "\n"
+                        "[http]\n"
+                        "port         = 8890\n"
+                        "root         = ../dravinter ; web interface\n");
+}
+
+void loadOrDie(const std::string &path) {
+    TWK_CfgHandle *h = nullptr;
+    if (TWK_Cfg_init(&h, path.c_str()) != 0) std::abort();
+    benchmark::DoNotOptimize(h->numEntries);
+    TWK_Cfg_done(h);
+}
+
+void BM_LoadLarge(benchmark::State &state) {
+    for (auto _ : state) loadOrDie(largeFile);
+    state.SetBytesProcessed(state.iterations() * largeSize);
+}
+
+int inihHandler(void *user, const char *section, const char *name, const char *value) {
+    auto *count = static_cast<size_t *>(user);
+    benchmark::DoNotOptimize(section);
+    benchmark::DoNotOptimize(value);
+    if (name) ++*count;
+    return 1;
+}
+
+void BM_InihLarge(benchmark::State &state) {
+    for (auto _ : state) {
+        size_t count = 0;
+        if (ini_parse(largeFile.c_str(), inihHandler, &count) < 0) std::abort();
+        benchmark::DoNotOptimize(count);
+    }
+    state.SetBytesProcessed(state.iterations() * largeSize);
+}
+
+// The part of a load no parser can avoid: the digest of every byte.
+void BM_Md5OfLargeFile(benchmark::State &state) {
+    static const std::string bytes = [] {
+        FILE *f = std::fopen(largeFile.c_str(), "rb");
+        std::string b(static_cast<size_t>(largeSize), '\0');
+        if (!f || std::fread(b.data(), 1, b.size(), f) != b.size()) std::abort();
+        std::fclose(f);
+        return b;
+    }();
+    unsigned char out[16];
+    for (auto _ : state) {
+        TWK_MD5Context ctx;
+        TWK_MD5Init(&ctx);
+        TWK_MD5Update(&ctx, bytes.data(), static_cast<uint32_t>(bytes.size()));
+        TWK_MD5Final(out, &ctx);
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(state.iterations() * largeSize);
+}
+
+void BM_LoadSmall(benchmark::State &state) {
+    for (auto _ : state) loadOrDie(smallFile);
+}
+
+// The floor of any load: open, one read, close.
+void BM_ReadSmallFloor(benchmark::State &state) {
+    char buf[4096];
+    for (auto _ : state) {
+        int fd = open(smallFile.c_str(), O_RDONLY);
+        if (fd < 0) std::abort();
+        benchmark::DoNotOptimize(read(fd, buf, sizeof buf));
+        close(fd);
+    }
+}
+
+std::vector<unsigned char> &md5Buffer() {
+    static std::vector<unsigned char> buf = [] {
+        std::vector<unsigned char> b(size_t{256} << 20);
+        std::mt19937_64 gen(42);
+        for (size_t i = 0; i + 8 <= b.size(); i += 8) {
+            const uint64_t v = gen();
+            std::memcpy(&b[i], &v, 8);
+        }
+        return b;
+    }();
+    return buf;
+}
+
+void BM_Md5(benchmark::State &state) {
+    auto &buf = md5Buffer();
+    unsigned char out[16];
+    for (auto _ : state) {
+        TWK_MD5Context ctx;
+        TWK_MD5Init(&ctx);
+        TWK_MD5Update(&ctx, buf.data(), static_cast<uint32_t>(buf.size()));
+        TWK_MD5Final(out, &ctx);
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(buf.size()));
+}
+
+void BM_OpensslMd5(benchmark::State &state) {
+    auto &buf = md5Buffer();
+    unsigned char out[EVP_MAX_MD_SIZE];
+    unsigned int n = 0;
+    for (auto _ : state) {
+        if (EVP_Digest(buf.data(), buf.size(), out, &n, EVP_md5(), nullptr) != 1) std::abort();
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(buf.size()));
+}
+
+// Allocations of one load of a file with `entries` key lines.
+void BM_AllocationsPerLoad(benchmark::State &state) {
+    const int keys = static_cast<int>(state.range(0));
+    const std::string path = workDir + "/alloc_" + std::to_string(keys) + ".ini";
+    writeOut(path, generate(keys / 20, 20));
+    size_t allocations = 0, entries = 0;
+    for (auto _ : state) {
+        bench::startCountingAllocations();
+        TWK_CfgHandle *h = nullptr;
+        if (TWK_Cfg_init(&h, path.c_str()) != 0) std::abort();
+        allocations = bench::stopCountingAllocations();
+        entries = h->numEntries;
+        TWK_Cfg_done(h);
+    }
+    state.counters["allocations"] = static_cast<double>(allocations);
+    state.counters["entries"] = static_cast<double>(entries);
+}
+
+BENCHMARK(BM_LoadLarge)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_InihLarge)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_Md5OfLargeFile)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_LoadSmall)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ReadSmallFloor)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Md5)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_OpensslMd5)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_AllocationsPerLoad)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(400000)->Iterations(1);
+
+} // namespace
+
+int main(int argc, char **argv) {
+    setUp();
+    bench::CollectingReporter reporter;
+    const bool ran = bench::runBenchmarks(argc, argv, reporter);
+    std::filesystem::remove_all(workDir);
+    if (!ran) return 2;
+
+    auto t = [&](const char *name) { return reporter.secondsPerIteration(name); };
+    std::printf("\nConfiguration library, ratios measured in this run (file %.1f MB):\n",
+                static_cast<double>(largeSize) / 1e6);
+    bool ok = true;
+    if (t("BM_LoadLarge") > 0 && t("BM_InihLarge") > 0)
+        ok &= bench::printRatio("large file load throughput vs inih ini_parse",
+                                t("BM_InihLarge") / t("BM_LoadLarge"), 2.5, true);
+    if (t("BM_Md5OfLargeFile") > 0 && t("BM_InihLarge") > 0)
+        bench::printRatio("  ceiling: inih time vs MD5 of the file alone",
+                          t("BM_InihLarge") / t("BM_Md5OfLargeFile"), 0, true);
+    if (t("BM_LoadSmall") > 0 && t("BM_ReadSmallFloor") > 0)
+        bench::printRatio("small quendral.ini load time vs open/read/close",
+                          t("BM_LoadSmall") / t("BM_ReadSmallFloor"), 0, false);
+    if (t("BM_Md5") > 0 && t("BM_OpensslMd5") > 0)
+        ok &= bench::printRatio("MD5 throughput vs OpenSSL (256 MiB)",
+                                t("BM_OpensslMd5") / t("BM_Md5"), 0.9, true);
+    std::printf("  allocations per load by entries:");
+    double first = -1, last = -1;
+    for (int n : {1000, 10000, 100000, 400000}) {
+        const std::string name = "BM_AllocationsPerLoad/" + std::to_string(n) + "/iterations:1";
+        const double a = reporter.counter(name, "allocations"),
+                     e = reporter.counter(name, "entries");
+        if (a < 0) continue;
+        std::printf("  %.0f entries: %.0f", e, a);
+        if (first < 0) first = a;
+        last = a;
+    }
+    std::printf("\n");
+    if (first > 0)
+        std::printf("  (array growth only: %.0f -> %.0f allocations over 400x the entries)\n",
+                    first, last);
+    return ok ? 0 : 1;
+}

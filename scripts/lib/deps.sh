@@ -1,0 +1,33 @@
+# Sourced by scripts/run and scripts/test: makes sure the Debian packages a
+# step needs are installed. As root it installs what is missing; otherwise it
+# prints the one apt-get line that would and stops.
+
+# Packages every build needs.
+QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config)
+# The test suite and its oracles.
+QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev)
+# Benchmarks and their comparison peers.
+QM_PKGS_BENCH=(libbenchmark-dev libinih-dev libssl-dev)
+
+qm_missing_packages() {
+    local p
+    for p in "$@"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || echo "$p"
+    done
+}
+
+qm_ensure_packages() {
+    local missing
+    missing=$(qm_missing_packages "$@" | sort -u | tr '\n' ' ')
+    [ -z "${missing// /}" ] && return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "Missing packages. Install them with:" >&2
+        echo "  sudo apt-get install -y $missing" >&2
+        exit 1
+    fi
+    echo "== Installing: $missing"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    # shellcheck disable=SC2086
+    apt-get install -y -qq --no-install-recommends $missing >/dev/null
+}
