@@ -1,0 +1,96 @@
+#include "PathUtil.h"
+
+#include <climits>
+#include <cstdlib>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace quendral::path {
+
+std::string append(const std::string &a, const std::string &b) {
+    if (a.empty()) return b;
+    if (b.empty()) return a;
+    const bool aSlash = a.back() == '/', bSlash = b.front() == '/';
+    if (aSlash && bSlash) return a + b.substr(1);
+    if (aSlash || bSlash) return a + b;
+    return a + "/" + b;
+}
+
+std::string lastComponent(const std::string &p) {
+    size_t end = p.size();
+    while (end > 1 && p[end - 1] == '/') end--;
+    const size_t slash = p.rfind('/', end - 1);
+    if (slash == std::string::npos) return p.substr(0, end);
+    if (end == 1 && p[0] == '/') return "/";
+    return p.substr(slash + 1, end - slash - 1);
+}
+
+bool isAbsolute(const std::string &p) {
+    return !p.empty() && p[0] == '/';
+}
+
+static std::string homeDirectory() {
+    if (const char *h = std::getenv("HOME"); h && *h) return h;
+    if (const passwd *pw = getpwuid(getuid()); pw && pw->pw_dir) return pw->pw_dir;
+    return "/";
+}
+
+std::string standardize(const std::string &input) {
+    std::string p = input;
+    if (!p.empty() && p[0] == '~' && (p.size() == 1 || p[1] == '/'))
+        p = homeDirectory() + p.substr(1);
+    const bool absolute = isAbsolute(p);
+    std::vector<std::string> parts;
+    size_t i = 0;
+    while (i <= p.size()) {
+        size_t j = p.find('/', i);
+        if (j == std::string::npos) j = p.size();
+        std::string part = p.substr(i, j - i);
+        if (part.empty() || part == ".") {
+        } else if (part == "..") {
+            if (!parts.empty() && parts.back() != "..")
+                parts.pop_back();
+            else if (!absolute)
+                parts.push_back(part); // a relative path keeps leading ".."
+        } else {
+            parts.push_back(part);
+        }
+        i = j + 1;
+    }
+    std::string out = absolute ? "/" : "";
+    for (size_t k = 0; k < parts.size(); k++) {
+        if (k) out += '/';
+        out += parts[k];
+    }
+    if (out.empty()) out.push_back('.'); // only a relative path can end up empty
+    return out;
+}
+
+std::string resolveSymlinks(const std::string &p) {
+    if (p.empty()) return p;
+    char buf[PATH_MAX];
+    if (realpath(p.c_str(), buf)) return buf;
+    // Resolve the longest prefix that exists and keep the rest as given.
+    size_t cut = p.size();
+    while (true) {
+        cut = p.rfind('/', cut - 1);
+        if (cut == std::string::npos || cut == 0) break;
+        const std::string head = p.substr(0, cut);
+        if (realpath(head.c_str(), buf)) return append(buf, p.substr(cut + 1));
+    }
+    return p;
+}
+
+bool isDirectory(const std::string &p) {
+    struct stat st;
+    return stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool existsNotDirectory(const std::string &p) {
+    struct stat st;
+    return stat(p.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+}
+
+} // namespace quendral::path

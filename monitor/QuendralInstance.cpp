@@ -1,0 +1,299 @@
+#include "QuendralInstance.h"
+
+#include "Localization.h"
+#include "Log.h"
+#include "PathUtil.h"
+#include "ncfg.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace quendral;
+
+QuendralInstance::QuendralInstance(std::string path)
+    : _path(std::move(path)), _displayName(path::lastComponent(_path)) {
+    _isDefault = _displayName == "database";
+}
+
+std::string QuendralInstance::instanceName() const {
+    if (_isDefault) return localizedString("Default Instance");
+    return fillPlaceholders(localizedString("Instance '%@'"), {_displayName});
+}
+
+std::string QuendralInstance::qualify(const std::optional<std::string> &value,
+                                      const std::string &defaultValue) const {
+    const std::string &v = value ? *value : defaultValue;
+    if (path::isAbsolute(v)) return v;
+    return path::standardize(path::append(_path, v));
+}
+
+bool QuendralInstance::isValid() {
+    const std::string ini = path::append(path::resolveSymlinks(_path), "quendral.ini");
+    struct stat st;
+    if (lstat(ini.c_str(), &st) != 0) return false;
+    if (!S_ISREG(st.st_mode)) {
+        logMessage("%@ is not a regular file - skipped", {ini});
+        return false;
+    }
+    if (_cacheTime && _cacheTime->tv_sec == st.st_mtim.tv_sec &&
+        _cacheTime->tv_nsec == st.st_mtim.tv_nsec)
+        return true;
+
+    // The time is recorded before parsing, so a file that cannot be parsed is
+    // not tried again until it changes.
+    _cacheTime = st.st_mtim;
+    std::map<std::string, std::string> values;
+    TWK_CfgHandle *h = nullptr;
+    if (st.st_size <= kConfigSizeLimit && TWK_Cfg_init(&h, ini.c_str()) == 0) {
+        if (TWK_Cfg_find(h, "database", nullptr) == 0 && TWK_Cfg_nextentry(h) == 0) {
+            do {
+                const int type = h->flags & TWK_CFG_TYPEMASK;
+                if (type == TWK_CFG_SECTION) break;
+                if (type == TWK_CFG_KEY) {
+                    std::string key = h->id;
+                    std::transform(key.begin(), key.end(), key.begin(),
+                                   [](unsigned char c) { return std::tolower(c); });
+                    values[key] = h->value;
+                }
+            } while (TWK_Cfg_nextentry(h) == 0);
+        }
+        TWK_Cfg_done(h);
+    }
+    auto get = [&](const char *key) -> std::optional<std::string> {
+        auto it = values.find(key);
+        return it == values.end() ? std::nullopt : std::optional<std::string>(it->second);
+    };
+    _lckFile = qualify(get("lockfile"), "quendral.lck");
+    _logFile = qualify(get("errorlogfile"), "quendral.log");
+    return true;
+}
+
+std::optional<std::string> QuendralInstance::logFile() {
+    if (!isValid()) return std::nullopt;
+    if (_logFile && path::existsNotDirectory(*_logFile)) return _logFile;
+    return std::nullopt;
+}
+
+namespace {
+
+enum class LockRead { Ok, Absent, Failed };
+
+// Reads the start of a lock file without ever blocking: only regular files
+// are read, and only the first `limit` bytes. Nothing there, or a directory,
+// is Absent; anything else that cannot be read is Failed with a description.
+LockRead readLockFileHead(const std::string &file, size_t limit, std::string &text,
+                          std::string &error) {
+    const int fd = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        const int err = errno;
+        // What stat cannot see (missing, or behind a directory we may not
+        // search) counts as not there; only a file that exists but cannot
+        // be opened is an error.
+        struct stat st;
+        if (err == ENOENT || err == ENOTDIR || stat(file.c_str(), &st) != 0)
+            return LockRead::Absent;
+        error = std::strerror(err);
+        return LockRead::Failed;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        const bool directory = S_ISDIR(st.st_mode);
+        close(fd);
+        if (directory) return LockRead::Absent;
+        error = "not a regular file";
+        return LockRead::Failed;
+    }
+    // Sized from fstat so that a normal lock file takes one read; a file that
+    // grows meanwhile is read up to the limit all the same.
+    const size_t want = std::min(limit, static_cast<size_t>(st.st_size) + 1);
+    text.resize(want);
+    size_t got = 0;
+    while (got < want) {
+        const ssize_t n = read(fd, text.data() + got, want - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            error = std::strerror(errno);
+            close(fd);
+            return LockRead::Failed;
+        }
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+        if (got == static_cast<size_t>(st.st_size)) break;
+    }
+    close(fd);
+    text.resize(got);
+    for (unsigned char c : text) {
+        if (c > 0x7F) {
+            error = "the file is not ASCII text";
+            return LockRead::Failed;
+        }
+    }
+    return LockRead::Ok;
+}
+
+} // namespace
+
+int32_t QuendralInstance::pidValueFromLockFile() {
+    if (!_lckFile) return 0;
+
+    std::string text, error;
+    switch (readLockFileHead(*_lckFile, kLockFileReadLimit, text, error)) {
+    case LockRead::Absent:
+        return 0;
+    case LockRead::Failed:
+        logMessage("Error reading %@: %@", {*_lckFile, error});
+        return 0;
+    case LockRead::Ok:
+        break;
+    }
+    const size_t first = text.find_first_of("0123456789");
+    if (first == std::string::npos) {
+        logMessage("Malformed .lck file %@", {*_lckFile});
+        return 0;
+    }
+    // The digit run's low 32 bits, taken as a signed pid.
+    uint32_t value = 0;
+    for (size_t i = first; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]));
+         i++)
+        value = value * 10u + static_cast<uint32_t>(text[i] - '0');
+    const auto pid = static_cast<int32_t>(value);
+    // A wrapped value of zero or below names no process; kill() must never
+    // see it (-1 would signal every process of the user).
+    if (pid <= 0) {
+        logMessage("Malformed .lck file %@", {*_lckFile});
+        return 0;
+    }
+    return pid;
+}
+
+bool QuendralInstance::isRunning(int32_t pid) {
+    if (pid <= 0) return false;
+    // Collect one child that has ended, whichever it is, so servers we
+    // launched do not stay zombies.
+    const pid_t reaped = waitpid(-1, nullptr, WNOHANG);
+    if (reaped == pid) return false;
+    // Another user's process (EPERM) counts as not running.
+    return kill(pid, 0) == 0;
+}
+
+void QuendralInstance::setStatus(int32_t status) {
+    if (status != _serverStatus) {
+        _entryStatus = EntryStatusChanged;
+        _serverStatus = status;
+    } else {
+        _entryStatus = EntryStatusUnchanged;
+    }
+}
+
+void QuendralInstance::refresh() {
+    if (_pid != 0 && isRunning(_pid)) {
+        if (_serverStatus == ServerStatusStopping) return;
+        if (_serverStatus == ServerStatusStarting) {
+            const int32_t lockPid = pidValueFromLockFile();
+            if (lockPid == 0) return;
+            if (lockPid != _pid) {
+                logMessage("pid value from .lck file is different (expected %d, got %d)",
+                           {std::to_string(_pid), std::to_string(lockPid)});
+                _pid = lockPid;
+            }
+        }
+        setStatus(ServerStatusRunning);
+        return;
+    }
+    _pid = pidValueFromLockFile();
+    if (_pid != 0) {
+        if (isRunning(_pid)) {
+            setStatus(ServerStatusRunning);
+            return;
+        }
+        logMessage("stale .lck file detected: %@", {_lckFile.value_or("")});
+    }
+    setStatus(ServerStatusStopped);
+    if (!isValid()) _entryStatus = EntryStatusRemoved;
+}
+
+bool QuendralInstance::canStart() const {
+    return access(_path.c_str(), R_OK | W_OK) == 0;
+}
+
+std::string QuendralInstance::findExecutable() const {
+    if (const char *binary = std::getenv("QUENDRAL_BINARY");
+        binary && path::existsNotDirectory(binary))
+        return binary;
+    const std::string inside = path::append(_path, "quendral");
+    if (path::existsNotDirectory(inside)) return inside;
+    const std::string beside = path::append(_path, "../bin/quendral");
+    if (path::existsNotDirectory(beside)) return beside;
+    return "quendral";
+}
+
+int32_t QuendralInstance::launchExecutable(const std::string &executable,
+                                           const std::vector<std::string> &options,
+                                           const std::string &directory) {
+    // Everything the child needs is prepared before the fork: between fork
+    // and exec it makes system calls only.
+    std::vector<char *> argv;
+    argv.reserve(options.size() + 1);
+    for (const std::string &o : options) argv.push_back(const_cast<char *>(o.c_str()));
+    argv.push_back(nullptr);
+    const char *file = executable.c_str();
+    const char *dir = directory.c_str();
+    sigset_t none;
+    sigemptyset(&none);
+
+    const pid_t pid = fork();
+    if (pid < 0) return 0;
+    if (pid > 0) return pid;
+
+    for (int fd = 0; fd < 32; fd++) close(fd);
+    // Descriptors above 31 would otherwise leak into the server for its
+    // whole life.
+    closefrom(32);
+    if (chdir(dir) != 0) _exit(1);
+    if (setsid() == -1) _exit(1);
+    if (open("/dev/null", O_RDWR) != 0) _exit(1);
+    dup2(0, 1);
+    dup2(0, 2);
+    // A server must not inherit the monitor's blocked signals.
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execvp(file, argv.data());
+    _exit(1);
+}
+
+bool QuendralInstance::startup() {
+    refresh();
+    if (_entryStatus == EntryStatusRemoved || _serverStatus != ServerStatusStopped) return false;
+    const std::string executable = findExecutable();
+    if (executable.empty()) {
+        logMessage("quendral executable not found");
+        return false;
+    }
+    _pid = launchExecutable(executable, {"quendral", "-f"}, _path);
+    if (_pid == 0) return false;
+    setStatus(ServerStatusStarting);
+    return true;
+}
+
+bool QuendralInstance::shutdown() {
+    refresh();
+    if (_serverStatus != ServerStatusRunning) return false;
+    // A running status always comes with a positive pid; check anyway, since
+    // kill() with 0 or -1 would reach whole groups of processes.
+    if (_pid <= 0 || kill(_pid, SIGTERM) != 0) {
+        const int err = _pid <= 0 ? ESRCH : errno;
+        logMessage("terminate: cannot terminate %@ (errno %d)",
+                   {instanceName(), std::to_string(err)});
+        return false;
+    }
+    setStatus(ServerStatusStopping);
+    return true;
+}

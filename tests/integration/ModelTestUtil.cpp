@@ -1,0 +1,92 @@
+#include "ModelTestUtil.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace testsupport {
+
+LogCapture::LogCapture() {
+    previous_ = quendral::setLogSink([this](const std::string &l) { lines.push_back(l); });
+}
+LogCapture::~LogCapture() {
+    quendral::setLogSink(previous_);
+}
+
+size_t LogCapture::count(const std::string &line) const {
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+}
+
+std::string makeInstanceDir(const TempDir &dir, const std::string &name, const std::string &ini) {
+    const std::string path = dir / name;
+    std::filesystem::create_directories(path);
+    writeFile(path + "/quendral.ini", ini);
+    return path;
+}
+
+ChildProcess::ChildProcess(std::vector<std::string> argv) {
+    std::vector<char *> args;
+    for (auto &a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    killAndReap();
+}
+
+void ChildProcess::killAndReap() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    // It may have been reaped by the model already; then this fails, which
+    // is fine.
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+char processState(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(in, line)) return 0;
+    const size_t paren = line.rfind(')');
+    return paren != std::string::npos && paren + 2 < line.size() ? line[paren + 2] : 0;
+}
+
+pid_t parentOf(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(in, line)) return 0;
+    const size_t paren = line.rfind(')');
+    if (paren == std::string::npos) return 0;
+    char state = 0;
+    long ppid = 0;
+    if (std::sscanf(line.c_str() + paren + 1, " %c %ld", &state, &ppid) != 2) return 0;
+    return static_cast<pid_t>(ppid);
+}
+
+bool waitFor(const std::function<bool()> &cond, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+void writeLockFile(const std::string &path, long pid) {
+    writeFile(path, std::to_string(pid) + "\n");
+}
+
+std::string demoServerPath() {
+    return QUENDRAL_DEMO_PATH;
+}
+
+} // namespace testsupport

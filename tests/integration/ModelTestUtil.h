@@ -1,0 +1,63 @@
+// Helpers for tests of the instance model: captured log lines, instance
+// directories on disk, and real child processes.
+#pragma once
+
+#include "Log.h"
+#include "QuendralInstance.h"
+#include "TempDir.h"
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace testsupport {
+
+// Collects every log line while it lives.
+class LogCapture {
+  public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<std::string> lines;
+    size_t count(const std::string &line) const;
+    void clear() { lines.clear(); }
+
+  private:
+    quendral::LogSink previous_;
+};
+
+// Makes dir/name with a quendral.ini holding text; returns its path.
+std::string makeInstanceDir(const TempDir &dir, const std::string &name,
+                            const std::string &ini = "[database]\n");
+
+// A child running "sleep 1000" (or the given command); killed and reaped by
+// the destructor unless it already ended.
+class ChildProcess {
+  public:
+    explicit ChildProcess(std::vector<std::string> argv = {"sleep", "1000"});
+    ~ChildProcess();
+    pid_t pid() const { return pid_; }
+    void killAndReap();
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// Process state letter from /proc (R, S, Z, ...), or 0 when gone.
+char processState(pid_t pid);
+
+// The parent pid of a live process, or 0.
+pid_t parentOf(pid_t pid);
+
+// Polls cond every 10 ms until it holds or the time runs out.
+bool waitFor(const std::function<bool()> &cond,
+             std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// Writes a lock file naming pid.
+void writeLockFile(const std::string &path, long pid);
+
+// The demo server built with this project.
+std::string demoServerPath();
+
+} // namespace testsupport
