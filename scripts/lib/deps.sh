@@ -3,7 +3,7 @@
 # prints the one apt-get line that would and stops.
 
 # Packages every build needs.
-QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config)
+QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev)
 # The test suite and its oracles.
 QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev)
 # Benchmarks and their comparison peers.

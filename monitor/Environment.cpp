@@ -1,0 +1,70 @@
+#include "Environment.h"
+
+#include "Log.h"
+#include "PathUtil.h"
+#include "QuendralManager.h"
+
+#include <cstdlib>
+#include <climits>
+#include <unistd.h>
+
+namespace quendral {
+
+namespace {
+
+// dir in front of the variable's old value, or dir alone when it was unset.
+void prependToVariable(const char *name, const std::string &dir) {
+    const char *old = std::getenv(name);
+    std::string value = dir;
+    if (old) {
+        value += ':';
+        value += old;
+    }
+    setenv(name, value.c_str(), 1);
+}
+
+void setIfUnsetAndFileExists(const char *name, const std::string &file) {
+    if (std::getenv(name) != nullptr) return; // set, even to "", stays
+    if (path::existsNotDirectory(file)) setenv(name, file.c_str(), 1);
+}
+
+} // namespace
+
+std::string setupGlobalEnvironment(QuendralManager &manager, const std::string &bundlePath) {
+    std::string home;
+    if (const char *env = std::getenv("QUENDRAL_HOME"); env && *env) {
+        const std::string resolved = path::resolveSymlinks(env);
+        if (path::isDirectory(resolved)) home = resolved;
+    }
+    if (home.empty()) {
+        const std::string bundled = path::append(bundlePath, "Contents/quendral");
+        if (path::isDirectory(bundled)) home = bundled;
+    }
+    if (home.empty()) {
+        logMessage("Quendral installation not found");
+        return "";
+    }
+
+    setenv("QUENDRAL_HOME", home.c_str(), 1);
+    if (const std::string bin = path::append(home, "bin"); path::isDirectory(bin))
+        prependToVariable("PATH", bin);
+    if (const std::string lib = path::append(home, "lib"); path::isDirectory(lib))
+        prependToVariable("LD_LIBRARY_PATH", lib);
+    setIfUnsetAndFileExists("ODBCINI", path::append(home, "bin/odbc.ini"));
+    setIfUnsetAndFileExists("ODBCINSTINI", path::append(home, "bin/odbcinst.ini"));
+    manager.addSearchPath(home);
+    return home;
+}
+
+std::string defaultBundlePath() {
+    char buf[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return "/";
+    buf[n] = '\0';
+    const std::string exe(buf);
+    const std::string binDir = exe.substr(0, exe.rfind('/'));
+    const size_t up = binDir.rfind('/');
+    return up == 0 || up == std::string::npos ? "/" : binDir.substr(0, up);
+}
+
+} // namespace quendral

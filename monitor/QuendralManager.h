@@ -1,0 +1,33 @@
+// Finds instance directories under its search paths and keeps one
+// QuendralInstance per directory between calls, so that an instance's pid
+// and status survive from one look to the next.
+#pragma once
+
+#include "QuendralInstance.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+class QuendralManager {
+  public:
+    QuendralManager() = default;
+
+    // Adds the path, symlink-resolved, when it is a directory.
+    void addSearchPath(const std::string &path);
+    static bool isDirectory(const std::string &path);
+    // Files a new valid instance for path unless one is known already.
+    void watchDirectory(const std::string &path);
+    // Scans the search paths, refreshes every instance, drops the removed
+    // ones, and returns the rest sorted by directory path.
+    std::vector<std::shared_ptr<QuendralInstance>> allInstances();
+
+    const std::vector<std::string> &searchPaths() const { return _searchPaths; }
+
+  private:
+    std::vector<std::string> _searchPaths;
+    // Keyed by directory path; std::map keeps them in byte order, which is
+    // the order every caller shows them in.
+    std::map<std::string, std::shared_ptr<QuendralInstance>> _instances;
+};
