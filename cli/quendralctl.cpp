@@ -166,23 +166,17 @@ int main(int argc, char **argv) {
         std::printf("%s\n", statusWord(inst->serverStatus()));
         return inst->serverStatus() == ServerStatusRunning ? Ok : NotRunning;
     }
-    if (startCmd->parsed()) {
-        if (!inst->startup())
-            return fail(Failed, inst->displayName() + " cannot be started (it is " +
-                                    statusWord(inst->serverStatus()) + ")");
-        if (waitSeconds > 0 && !waitForStatus(*inst, ServerStatusRunning, waitSeconds))
-            return fail(Failed, inst->displayName() + " did not start within the time given (" +
-                                    statusWord(inst->serverStatus()) + ")");
-        std::printf("%s %s\n", inst->displayName().c_str(), statusWord(inst->serverStatus()));
-        return Ok;
-    }
-    if (stopCmd->parsed()) {
-        if (!inst->shutdown())
-            return fail(Failed, inst->displayName() + " cannot be stopped (it is " +
-                                    statusWord(inst->serverStatus()) + ")");
-        if (waitSeconds > 0 && !waitForStatus(*inst, ServerStatusStopped, waitSeconds))
-            return fail(Failed, inst->displayName() + " did not stop within the time given (" +
-                                    statusWord(inst->serverStatus()) + ")");
+    if (startCmd->parsed() || stopCmd->parsed()) {
+        const bool start = startCmd->parsed();
+        if (!(start ? inst->startup() : inst->shutdown()))
+            return fail(Failed, inst->displayName() +
+                                    (start ? " cannot be started" : " cannot be stopped") +
+                                    " (it is " + statusWord(inst->serverStatus()) + ")");
+        const int32_t target = start ? ServerStatusRunning : ServerStatusStopped;
+        if (waitSeconds > 0 && !waitForStatus(*inst, target, waitSeconds))
+            return fail(Failed, inst->displayName() + " did not " + (start ? "start" : "stop") +
+                                    " within the time given (" + statusWord(inst->serverStatus()) +
+                                    ")");
         std::printf("%s %s\n", inst->displayName().c_str(), statusWord(inst->serverStatus()));
         return Ok;
     }
