@@ -65,6 +65,13 @@ class ProcessControl : public ::testing::Test {
             waitpid(inst->pid(), nullptr, 0);
         }
     }
+    // Refreshes until the launched process is gone, zombie included.
+    bool refreshUntilReaped(pid_t pid) {
+        return waitFor([&] {
+            inst->refresh();
+            return processState(pid) == 0;
+        });
+    }
     bool refreshUntil(int32_t status) {
         return waitFor([&] {
             inst->refresh();
@@ -129,10 +136,7 @@ TEST_F(ProcessControl, ServerThatExitsAtOnceGoesBackToStoppedAndIsReaped) {
     ASSERT_TRUE(inst->startup());
     const pid_t launched = inst->pid();
     ASSERT_TRUE(refreshUntil(ServerStatusStopped));
-    EXPECT_TRUE(waitFor([&] {
-        inst->refresh();
-        return processState(launched) == 0;
-    }));
+    EXPECT_TRUE(refreshUntilReaped(launched));
 }
 
 TEST_F(ProcessControl, ServerIgnoringSigtermStaysStopping) {
@@ -208,10 +212,7 @@ TEST_F(ProcessControl, NonExecutableServerInTheInstanceIsUsedAndTheInstanceRetur
     ASSERT_TRUE(inst->startup());
     const pid_t launched = inst->pid();
     ASSERT_TRUE(refreshUntil(ServerStatusStopped));
-    EXPECT_TRUE(waitFor([&] {
-        inst->refresh();
-        return processState(launched) == 0;
-    }));
+    EXPECT_TRUE(refreshUntilReaped(launched));
     EXPECT_FALSE(std::filesystem::exists(lck));
 }
 
