@@ -13,12 +13,14 @@ void CollectingReporter::ReportRuns(const std::vector<Run> &runs) {
         if (aggregate && run.aggregate_name != "median") continue;
         const std::string name = run.run_name.str();
         if (!aggregate && seconds_.count(name) && run.repetitions > 1) continue;
+        // The time the console shows, in seconds: for an aggregate the
+        // accumulated field holds the statistic times the repetition count.
         const double perIteration =
-            run.iterations ? run.real_accumulated_time / static_cast<double>(run.iterations) : 0;
+            run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
         // Known by full name and, for benchmarks without arguments, by
         // function name alone (the full name carries options like min_time).
         for (const std::string &key : {name, run.run_name.function_name}) {
-            seconds_[key] = aggregate ? run.real_accumulated_time : perIteration;
+            seconds_[key] = perIteration;
             for (const auto &[counterName, c] : run.counters) counters_[key][counterName] = c.value;
         }
     }

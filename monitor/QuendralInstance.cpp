@@ -37,11 +37,16 @@ std::string QuendralInstance::qualify(const std::optional<std::string> &value,
 }
 
 bool QuendralInstance::isValid() {
-    const std::string ini = path::append(path::resolveSymlinks(_path), "quendral.ini");
+    // lstat follows links in every component but the last, so the file it
+    // sees under the path as given is the one under the resolved path. The
+    // resolved form is built only for the message, which names it; this
+    // check runs for every instance at every scan.
+    const std::string ini = path::append(_path, "quendral.ini");
     struct stat st;
     if (lstat(ini.c_str(), &st) != 0) return false;
     if (!S_ISREG(st.st_mode)) {
-        logMessage("%@ is not a regular file - skipped", {ini});
+        logMessage("%@ is not a regular file - skipped",
+                   {path::append(path::resolveSymlinks(_path), "quendral.ini")});
         return false;
     }
     if (_cacheTime && _cacheTime->tv_sec == st.st_mtim.tv_sec &&

@@ -52,9 +52,13 @@ bool listDirectory(const std::string &path, std::vector<std::string> &names, std
 } // namespace
 
 std::vector<std::shared_ptr<QuendralInstance>> QuendralManager::allInstances() {
-    // Walk a copy, so dropping a failed path leaves the rest of this walk intact.
+    // Walk a copy, so dropping a failed path leaves the rest of this walk
+    // intact; a path added twice and dropped at its first copy is not tried
+    // (and reported) again at its second.
     const std::vector<std::string> paths = _searchPaths;
     for (const std::string &searchPath : paths) {
+        if (std::find(_searchPaths.begin(), _searchPaths.end(), searchPath) == _searchPaths.end())
+            continue;
         std::vector<std::string> names;
         std::string error;
         if (!listDirectory(searchPath, names, error)) {

@@ -1,35 +1,20 @@
 // quendralctl as a whole process, in temporary installations.
+#include "CtlRunner.h"
 #include "ModelTestUtil.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <array>
-#include <cstdio>
-#include <sys/wait.h>
+#include <algorithm>
 
 using namespace testsupport;
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string out;
-};
+using Result = CtlResult;
 
-// Runs quendralctl with the given arguments and environment prefix; stdout
-// is captured, stderr goes to a file next to it.
 Result ctl(const std::string &args, const std::string &env = "") {
-    const std::string cmd = env + " " + QUENDRALCTL_PATH + " " + args + " 2>/dev/null";
-    Result r;
-    FILE *p = popen(cmd.c_str(), "r");
-    if (!p) return r;
-    std::array<char, 4096> buf;
-    size_t n;
-    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
-    const int status = pclose(p);
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+    return runCtl(args, env);
 }
 
 class Quendralctl : public ::testing::Test {
@@ -87,16 +72,23 @@ TEST_F(Quendralctl, InstanceCanBeNamedByDirectory) {
 }
 
 TEST_F(Quendralctl, UnknownInstanceIsExitFour) {
-    EXPECT_EQ(ctl("status nosuch", env).status, 4);
+    const Result r = ctl("status nosuch", env);
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.err, "quendralctl: no such instance: nosuch\n");
 }
 
 TEST_F(Quendralctl, MissingInstallationIsExitFour) {
-    EXPECT_EQ(ctl("list", "QUENDRAL_HOME=/nonexistent/quendral").status, 4);
+    const Result r = ctl("list", "QUENDRAL_HOME=/nonexistent/quendral");
+    EXPECT_EQ(r.status, 4);
+    EXPECT_NE(r.err.find("quendralctl: no Quendral installation found\n"), std::string::npos);
 }
 
 TEST_F(Quendralctl, BadUsageIsExitTwo) {
     EXPECT_EQ(ctl("", env).status, 2);
-    EXPECT_EQ(ctl("list --bogus", env).status, 2);
+    const Result bogus = ctl("list --bogus", env);
+    EXPECT_EQ(bogus.status, 2);
+    EXPECT_EQ(std::count(bogus.err.begin(), bogus.err.end(), '\n'), 1) << bogus.err;
+    EXPECT_EQ(bogus.err.rfind("quendralctl: ", 0), 0u) << bogus.err;
     EXPECT_EQ(ctl("start --wait -1", env).status, 2);
 }
 

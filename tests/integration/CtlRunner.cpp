@@ -1,0 +1,34 @@
+#include "CtlRunner.h"
+
+#include "TempDir.h"
+
+#include <array>
+#include <cstdio>
+#include <sys/wait.h>
+
+namespace testsupport {
+
+std::string shellQuote(const std::string &s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+CtlResult runCtl(const std::string &args, const std::string &env, const std::string &binary) {
+    TempDir scratch;
+    const std::string errFile = scratch / "stderr";
+    const std::string cmd =
+        env + " " + shellQuote(binary) + " " + args + " 2>" + shellQuote(errFile);
+    CtlResult r;
+    FILE *p = popen(cmd.c_str(), "r");
+    if (!p) return r;
+    std::array<char, 4096> buf;
+    size_t n;
+    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
+    const int status = pclose(p);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.err = readFile(errFile);
+    return r;
+}
+
+} // namespace testsupport

@@ -1,0 +1,22 @@
+// Runs quendralctl as a whole process through the shell, as a user would.
+#pragma once
+
+#include <string>
+
+namespace testsupport {
+
+struct CtlResult {
+    int status = -1; // exit status, -1 when it did not exit normally
+    std::string out;
+    std::string err;
+};
+
+// Runs "env quendralctl args" with env a shell prefix of assignments or an
+// env(1) invocation; binary overrides the quendralctl that is run.
+CtlResult runCtl(const std::string &args, const std::string &env = "",
+                 const std::string &binary = QUENDRALCTL_PATH);
+
+// Quotes a path for the shell.
+std::string shellQuote(const std::string &s);
+
+} // namespace testsupport
