@@ -3,9 +3,14 @@
 # prints the one apt-get line that would and stops.
 
 # Packages every build needs.
-QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev)
+QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev
+    qt6-base-dev qt6-tools-dev qt6-l10n-tools qt6-tools-dev-tools libgl-dev fonts-dejavu-core)
+# A tray host on a virtual display: the end-to-end test and the headless
+# preview of scripts/run.
+QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
 # The test suite and its oracles.
-QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev)
+QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils
+    "${QM_PKGS_DISPLAY[@]}")
 # Benchmarks and their comparison peers.
 QM_PKGS_BENCH=(libbenchmark-dev libinih-dev libssl-dev)
 
