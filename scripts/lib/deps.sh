@@ -9,7 +9,7 @@ QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev
 # preview of scripts/run.
 QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
 # The test suite and its oracles.
-QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils
+QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils dex
     "${QM_PKGS_DISPLAY[@]}")
 # Benchmarks and their comparison peers.
 QM_PKGS_BENCH=(libbenchmark-dev libinih-dev libssl-dev)

@@ -92,6 +92,15 @@ xdotool key Return
 qm_until 10 test ! -e "$lock" || fail "Return did not stop the server"
 echo "stopped through the menu"
 
+# Start at login: the item writes an autostart entry for this very program.
+open_menu
+xdotool mousemove $((menu_x + 40)) $((menu_y + menu_h - 14 - 22)) click 1
+autostart=$work/config/autostart
+entry_written() { compgen -G "$autostart/*.desktop" >/dev/null; }
+qm_until 5 entry_written || fail "choosing the login item wrote no autostart entry"
+grep -q "^Exec=$(readlink -f "$monitor")\$" "$autostart"/*.desktop || fail "the entry does not start the monitor"
+echo "autostart entry: $(ls "$autostart")"
+
 # Start again from the command line, then quit the monitor: the server stays.
 "$ctl" --home "$work/home" start --wait 10 >/dev/null || fail "quendralctl start"
 open_menu
@@ -101,4 +110,14 @@ wait "$monitor_pid" || status=$?
 [ "$status" -eq 0 ] || fail "quit exited with $status"
 "$ctl" --home "$work/home" status >/dev/null || fail "quitting stopped the server"
 echo "quit exited 0; the server runs on"
+
+# A desktop session's autostart (dex, run as a session would at login)
+# starts the monitor from the entry.
+qm_until 5 qm_menu_closed || true
+dex --autostart --search-paths "$autostart" >"$work/dex.log" 2>&1 || fail "dex: $(cat "$work/dex.log")"
+qm_until 15 qm_icon_docked || fail "the autostart entry did not start the monitor"
+echo "started again from its autostart entry"
+open_menu
+click_item -1
+qm_until 10 sh -c "! pgrep -f -x '$(readlink -f "$monitor")' >/dev/null" || fail "the second monitor did not quit"
 echo "screenshots in $out"
