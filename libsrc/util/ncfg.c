@@ -469,18 +469,6 @@ int64_t cfg_find_section(const TWK_CfgHandle *h, const char *name) {
     return -1;
 }
 
-/* The loaded test is made under the lock: a refresh in another thread may be
- * rebuilding the handle at the same moment. */
-#define LOCK_LOADED_OR_FAIL(h)                                                                     \
-    do {                                                                                           \
-        if ((h) == NULL) return -1;                                                                \
-        pthread_mutex_lock(&(h)->mutex);                                                           \
-        if (!((h)->flags & TWK_CFG_LOADED)) {                                                      \
-            pthread_mutex_unlock(&(h)->mutex);                                                     \
-            return -1;                                                                             \
-        }                                                                                          \
-    } while (0)
-
 int32_t TWK_Cfg_rewind(TWK_CfgHandle *h) {
     LOCK_LOADED_OR_FAIL(h);
     h->flags = TWK_CFG_LOADED;

@@ -114,6 +114,44 @@ int32_t TWK_Cfg_nextentry(TWK_CfgHandle *handle);
  * NULL, the first key of that name in it. 0 found, -1 not found. */
 int32_t TWK_Cfg_find(TWK_CfgHandle *handle, const char *section, const char *key);
 
+/* ---- editing ----
+ *
+ * Edits change the entries in memory and set `dirty`; TWK_Cfg_commit writes
+ * them back. A section is a header entry and the entries after it up to the
+ * next header. The cursor is not moved by edits: rewind or find again after
+ * one. A refresh of a dirty handle drops the edits. */
+
+/* Sets a key (section, id and value given), deletes a key (value NULL) or a
+ * whole section (id NULL). A missing section is appended with the key; a
+ * missing key is added at the end of its section. Deleting what is not there
+ * succeeds. -1: NULL handle or section, not loaded, or out of memory (what
+ * was done before stays, see the implementation). */
+int32_t TWK_Cfg_write(TWK_CfgHandle *handle, const char *section, const char *id,
+                      const char *value);
+
+/* Appends one raw entry at the end. With copy 0 the strings are stored as
+ * given and must outlive their use by the handle; otherwise each non-NULL one
+ * is copied. Does not set `dirty`. -1: NULL handle, not loaded, or out of
+ * memory. */
+int32_t TWK_Cfg_storeentry(TWK_CfgHandle *handle, const char *section, const char *id,
+                           const char *value, const char *comment, int copy);
+
+/* Merges the sections of source into destination: unknown sections are
+ * appended; in known ones each key of the source, with the lines without key
+ * that follow it, replaces the destination's key of that name or is added at
+ * the section's end. Only the destination is locked; the source must not
+ * change meanwhile. -1: destination NULL or not loaded, or out of memory
+ * (then the destination holds what was merged so far). */
+int32_t cfg_merge(TWK_CfgHandle *destination, const TWK_CfgHandle *source);
+
+/* Writes a dirty handle's entries to its file, in the library's own layout
+ * (one blank line between sections, keys aligned per section), and keeps the
+ * MD5 of the bytes written, so the next refresh keeps the entries. A file that
+ * cannot be opened leaves the handle dirty and still returns 0. An entry too
+ * long to format (a piece over 4095 bytes) ends the process before the file
+ * is opened. -1: NULL handle or not loaded. */
+int32_t TWK_Cfg_commit(TWK_CfgHandle *handle);
+
 #ifdef __cplusplus
 }
 #endif

@@ -7,6 +7,8 @@
 
 #include "ncfg.h"
 
+#include <stdio.h>
+
 /* Frees one entry's owned strings (by its ownership bits). */
 void cfg_free_entry(TWK_CfgEntry *e);
 
@@ -24,5 +26,30 @@ int32_t cfg_step(TWK_CfgHandle *h);
 
 /* Index of the first section header matching name (stricmp), or -1. */
 int64_t cfg_find_section(const TWK_CfgHandle *h, const char *name);
+
+/* Zeroes dst, then gives it a fresh copy of each non-NULL string of src with
+ * that string's ownership bit (set even when the copy failed). */
+void _cfg_copyent(TWK_CfgEntry *dst, const TWK_CfgEntry *src);
+
+/* Takes the handle's lock and returns -1 from the caller unless the handle
+ * is loaded. The test is made under the lock: a refresh in another thread
+ * may be rebuilding the handle at that moment. */
+#define LOCK_LOADED_OR_FAIL(h)                                                                     \
+    do {                                                                                           \
+        if ((h) == NULL) return -1;                                                                \
+        pthread_mutex_lock(&(h)->mutex);                                                           \
+        if (!((h)->flags & TWK_CFG_LOADED)) {                                                      \
+            pthread_mutex_unlock(&(h)->mutex);                                                     \
+            return -1;                                                                             \
+        }                                                                                          \
+    } while (0)
+
+/* Largest formatted piece a commit writes, without its NUL. */
+#define CFG_PIECE_MAX 4095
+
+/* Formats one piece of a commit, writes it to out and feeds the same bytes to
+ * md5. A piece longer than CFG_PIECE_MAX ends the process. */
+void _cfg_digestprintf(TWK_MD5Context *md5, FILE *out, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
 
 #endif
