@@ -32,9 +32,12 @@ QString format(const char *english, const std::string &arg) {
         quendral::fillPlaceholders(quendral::localizedString(english), {arg}));
 }
 
-// Qt reads "&" in an item's text as a mnemonic marker; doubling shows it.
+// An item's text as Qt shows it literally: Qt reads "&" as a mnemonic
+// marker (doubling shows it) and a tab as the start of the shortcut column,
+// so a tab in a directory name is shown as the space it stands for.
 QString escapeMnemonics(QString s) {
-    return s.replace(QLatin1Char('&'), QLatin1String("&&"));
+    return s.replace(QLatin1Char('&'), QLatin1String("&&"))
+        .replace(QLatin1Char('\t'), QLatin1Char(' '));
 }
 
 } // namespace

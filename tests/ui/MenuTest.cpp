@@ -136,6 +136,14 @@ TEST_F(Menu, DisplayNamesAreShownAsTheyAre) {
     EXPECT_EQ(menuTexts(menu()).at(0), "Start Instance 'R&D <b>x<i> %@ %d'");
 }
 
+TEST_F(Menu, TabInANameDoesNotSplitTheTitle) {
+    addInstance("a\tb");
+    launch();
+    openMenu();
+    EXPECT_EQ(menuTexts(menu()).at(0), "Start Instance 'a b'");
+    EXPECT_FALSE(menu()->actions().at(0)->text().contains('\t'));
+}
+
 TEST_F(Menu, OpeningTwiceDoesNotAccumulateItems) {
     addInstance("database");
     addInstance("sales");
