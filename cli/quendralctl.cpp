@@ -102,10 +102,7 @@ bool waitForStatus(QuendralInstance &i, int32_t status, double seconds) {
     }
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
-    quendral::setLogIdent("quendralctl");
+int run(int argc, char **argv) {
 
     CLI::App app{"View and control the Quendral server instances of this machine.", "quendralctl"};
     app.set_version_flag("--version", std::string("quendralctl ") + QM_VERSION);
@@ -181,4 +178,17 @@ int main(int argc, char **argv) {
         return Ok;
     }
     return Usage;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    quendral::setLogIdent("quendralctl");
+    // Out of memory or a broken output stream: one clear line, not an abort.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {
+        std::cerr << "quendralctl: " << e.what() << "\n";
+        return Failed;
+    }
 }

@@ -75,12 +75,12 @@ void Application::applicationDidFinishLaunching() {
 
     _statusItem = new QSystemTrayIcon();
     _statusItem->setIcon(quendral::makeTrayIcon());
-    QMenu *menu = createMenu();
+    QMenu *trayMenu = createMenu();
     // Some tray hosts show an empty menu for good if it had no items when
     // the icon was registered, so it is filled once before it is handed over.
     menuWillOpen();
     menuDidClose();
-    _statusItem->setContextMenu(menu);
+    _statusItem->setContextMenu(trayMenu);
     _statusItem->setToolTip(text("Tarnwick Quendral"));
     // A left click opens the menu too, as it does on other desktops' status
     // items.
@@ -99,6 +99,7 @@ void Application::setupGlobalEnvironment() {
 // --- the menu -------------------------------------------------------------
 
 QMenu *Application::createMenu() {
+    delete _menu; // made once at launch; a second call replaces it
     _menu = new QMenu();
     connect(_menu, &QMenu::aboutToShow, this, &Application::menuWillOpen);
     connect(_menu, &QMenu::aboutToHide, this, &Application::menuDidClose);
@@ -189,7 +190,7 @@ void Application::menuTimerFired() {
     }
 }
 
-void Application::updateMenuItem(InstanceAction *item, QuendralInstance &instance) {
+void Application::updateMenuItem(InstanceAction *item, const QuendralInstance &instance) {
     const char *title;
     InstanceAction::Kind kind = InstanceAction::Kind::None;
     switch (instance.serverStatus()) {
@@ -219,12 +220,16 @@ void Application::updateMenuItem(InstanceAction *item, QuendralInstance &instanc
 
 // --- actions ----------------------------------------------------------------
 
+// The instance is held by value: it must outlive the alert's event loop
+// whatever happens to the item meanwhile.
 void Application::startInstance(InstanceAction *sender) {
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const auto instance = sender->representedObject();
     if (confirm(instance, true)) instance->startup();
 }
 
 void Application::stopInstance(InstanceAction *sender) {
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
     const auto instance = sender->representedObject();
     if (confirm(instance, false)) instance->shutdown();
 }
@@ -251,14 +256,17 @@ bool Application::confirm(const std::shared_ptr<QuendralInstance> &instance, boo
     box.setEscapeButton(cancel);
     _alert = &box;
     // The monitor has no window of its own: bring the alert to the front.
-    QTimer::singleShot(0, &box, [&box] {
-        box.raise();
-        box.activateWindow();
-    });
+    QMetaObject::invokeMethod(this, "bringAlertToFront", Qt::QueuedConnection);
     box.exec();
     _inModalDialog = false;
     _alert = nullptr;
     return box.clickedButton() == action;
+}
+
+void Application::bringAlertToFront() {
+    if (!_alert) return;
+    _alert->raise();
+    _alert->activateWindow();
 }
 
 void Application::viewLogFile() {

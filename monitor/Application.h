@@ -50,8 +50,8 @@ class Application : public QObject {
     void openUrl(const QString &url);
     bool confirm(const std::shared_ptr<QuendralInstance> &instance, bool start);
     QMenu *createMenu();
-    void updateMenuItem(InstanceAction *item, QuendralInstance &instance);
-    void applicationDidFinishLaunching();
+    void updateMenuItem(InstanceAction *item, const QuendralInstance &instance);
+    Q_INVOKABLE void applicationDidFinishLaunching();
     void setupGlobalEnvironment();
 
     // The monitor's identity as a login item: the file URL of its program.
@@ -81,6 +81,9 @@ class Application : public QObject {
     void onlineDocumentation();
     void viewLogFile();
     void toggleStartAtLogin(QAction *sender);
+
+  private slots:
+    void bringAlertToFront();
 
   private:
     QAction *addGeneralItem(const char *title, bool enabled);

@@ -18,7 +18,7 @@ void defaultSink(const std::string &line) {
         syslogOpen = true;
     }
     syslog(LOG_NOTICE, "%s", line.c_str());
-    std::fprintf(stderr, "%s: %s\n", logIdent, line.c_str());
+    (void)std::fprintf(stderr, "%s: %s\n", logIdent, line.c_str()); // best effort
 }
 } // namespace
 

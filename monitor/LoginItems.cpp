@@ -20,7 +20,7 @@ namespace {
 constexpr const char *kEntryName = "quendral-monitor.desktop";
 // An autostart entry is a few hundred bytes; anything far bigger is not one
 // we need to read to the end.
-constexpr size_t kEntryReadLimit = 64 * 1024;
+constexpr size_t kEntryReadLimit = size_t{64} * 1024;
 
 bool unreserved(unsigned char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||

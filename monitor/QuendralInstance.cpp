@@ -170,14 +170,14 @@ int32_t QuendralInstance::pidValueFromLockFile() {
     for (size_t i = first; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]));
          i++)
         value = value * 10u + static_cast<uint32_t>(text[i] - '0');
-    const auto pid = static_cast<int32_t>(value);
+    const auto lockPid = static_cast<int32_t>(value);
     // A wrapped value of zero or below names no process; kill() must never
     // see it (-1 would signal every process of the user).
-    if (pid <= 0) {
+    if (lockPid <= 0) {
         logMessage("Malformed .lck file %@", {*_lckFile});
         return 0;
     }
-    return pid;
+    return lockPid;
 }
 
 bool QuendralInstance::isRunning(int32_t pid) {
@@ -234,9 +234,9 @@ std::string QuendralInstance::findExecutable() const {
     if (const char *binary = std::getenv("QUENDRAL_BINARY");
         binary && path::existsNotDirectory(binary))
         return binary;
-    const std::string inside = path::append(_path, "quendral");
+    std::string inside = path::append(_path, "quendral");
     if (path::existsNotDirectory(inside)) return inside;
-    const std::string beside = path::append(_path, "../bin/quendral");
+    std::string beside = path::append(_path, "../bin/quendral");
     if (path::existsNotDirectory(beside)) return beside;
     return "quendral";
 }
@@ -255,9 +255,9 @@ int32_t QuendralInstance::launchExecutable(const std::string &executable,
     sigset_t none;
     sigemptyset(&none);
 
-    const pid_t pid = fork();
-    if (pid < 0) return 0;
-    if (pid > 0) return pid;
+    const pid_t child = fork();
+    if (child < 0) return 0;
+    if (child > 0) return child;
 
     for (int fd = 0; fd < 32; fd++) close(fd);
     // Descriptors above 31 would otherwise leak into the server for its

@@ -7,7 +7,6 @@
 #include <QApplication>
 #include <QLibraryInfo>
 #include <QLocale>
-#include <QTimer>
 #include <QTranslator>
 
 int main(int argc, char **argv) {
@@ -38,7 +37,9 @@ int main(int argc, char **argv) {
 
     {
         Application delegate(bundle);
-        QTimer::singleShot(0, &delegate, [&delegate] { delegate.applicationDidFinishLaunching(); });
+        // Called once the event loop runs, as a platform reports the end of
+        // launching.
+        QMetaObject::invokeMethod(&delegate, "applicationDidFinishLaunching", Qt::QueuedConnection);
         app.exec();
     }
     return 0;

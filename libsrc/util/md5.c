@@ -200,7 +200,7 @@ void TWK_MD5Final(unsigned char digest[16], TWK_MD5Context *ctx) {
     TWK_MD5Update(ctx, padding, padlen);
     TWK_MD5Update(ctx, bits, 8);
 
-    for (int i = 0; i < 4; i++) store_le32(digest + 4 * i, ctx->state[i]);
+    for (int i = 0; i < 4; i++) store_le32(digest + (size_t)i * 4, ctx->state[i]);
 
     /* The context may hold parts of the message; leave nothing behind. */
     memset(ctx, 0, sizeof(*ctx));

@@ -36,7 +36,7 @@ static const unsigned char byte_class[256] = {
 #endif
 
 /* First line-end byte in [p, end), or end. */
-static inline char *find_eol(char *p, char *end) {
+static inline char *find_eol(char *p, const char *end) {
 #ifdef __SSE2__
     const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r'), eof = _mm_set1_epi8(0x1A),
                   nul = _mm_setzero_si128();

@@ -11,6 +11,10 @@ QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
 # The test suite and its oracles.
 QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils dex
     "${QM_PKGS_DISPLAY[@]}")
+# Static analysis.
+QM_PKGS_LINT=(clang-tidy cppcheck)
+# Building the Debian package (dpkg-shlibdeps finds its dependencies).
+QM_PKGS_PACKAGE=(dpkg-dev file)
 # Benchmarks and their comparison peers.
 QM_PKGS_BENCH=(libbenchmark-dev libinih-dev libssl-dev)
 
