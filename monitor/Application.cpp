@@ -174,11 +174,14 @@ void Application::menuDidClose() {
 }
 
 void Application::menuTimerFired() {
-    // Tray hosts that draw the menu themselves may never say it closed; a
-    // menu Qt draws is known to be closed when it is no longer visible.
+    // Tray hosts that draw the menu themselves may never say it closed: for
+    // those a time limit ends the refresh. A menu Qt draws is closed exactly
+    // when it is no longer visible, and refreshes for as long as it is open.
     const bool drawnByQt = _menu->platformMenu() == nullptr;
-    if ((drawnByQt && !_menu->isVisible()) ||
-        QDateTime::currentMSecsSinceEpoch() - _menuOpenedAt > kMenuRefreshLimitMs) {
+    const bool closed =
+        drawnByQt ? !_menu->isVisible()
+                  : QDateTime::currentMSecsSinceEpoch() - _menuOpenedAt > kMenuRefreshLimitMs;
+    if (closed) {
         menuDidClose();
         return;
     }

@@ -57,6 +57,9 @@ bool waitFor(const std::function<bool()> &cond,
 // Writes a lock file naming pid.
 void writeLockFile(const std::string &path, long pid);
 
+// How many descriptors this process has open.
+int openDescriptors();
+
 // The demo server built with this project.
 std::string demoServerPath();
 

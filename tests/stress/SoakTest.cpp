@@ -23,16 +23,6 @@ long residentKb() {
     return -1;
 }
 
-int openDescriptors() {
-    int n = 0;
-    if (DIR *d = opendir("/proc/self/fd")) {
-        while (const dirent *e = readdir(d))
-            if (e->d_name[0] != '.') n++;
-        closedir(d);
-    }
-    return n - 1;
-}
-
 class Soak : public ::testing::Test, public TrayFixture {};
 
 TEST_F(Soak, OpenMenuRefreshesTwoHundredInstancesWithFlatMemory) {

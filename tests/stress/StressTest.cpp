@@ -23,16 +23,6 @@ constexpr int kCycles = 1000;
 
 enum class Ending { None, Stopped, Killed, Failed };
 
-int openDescriptors() {
-    int n = 0;
-    if (DIR *d = opendir("/proc/self/fd")) {
-        while (const dirent *e = readdir(d))
-            if (e->d_name[0] != '.') n++;
-        closedir(d);
-    }
-    return n - 1; // the directory stream itself
-}
-
 // Zombie children of this process.
 int zombies() {
     int n = 0;
