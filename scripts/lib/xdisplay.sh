@@ -34,15 +34,20 @@ qm_start_trayer() {
 }
 qm_has_panel() { xwininfo -root -tree | grep -q '"panel" "trayer"'; }
 
-# "X Y" of the middle of the monitor's icon docked in the panel, or nothing.
+# "X Y" of the middle of the monitor's icon docked in trayer's panel (a window
+# in the panel's subtree), or nothing.
 qm_icon_center() {
-    xwininfo -root -tree | awk '/"quendral-monitor" "quendral-monitor"/ {
-        for (i = 1; i <= NF; i++) {
-            if ($i ~ /^[0-9]+x[0-9]+\+/) { split($i, s, /[x+]/); w = s[1]; h = s[2] }
-            if ($i ~ /^\+-?[0-9]+\+-?[0-9]+$/) { split($i, p, "+"); x = p[2]; y = p[3] }
-        }
-        if (w > 1 && w < 64 && x >= 0) { print x + int(w / 2), y + int(h / 2); exit }
-    }'
+    xwininfo -root -tree | awk '
+        { indent = match($0, /[^ ]/) }
+        inpanel && indent <= panelIndent { inpanel = 0 }
+        /"panel" "trayer"/ { inpanel = 1; panelIndent = indent; next }
+        inpanel && /"quendral-monitor" "quendral-monitor"/ {
+            for (i = 1; i <= NF; i++) {
+                if ($i ~ /^[0-9]+x[0-9]+\+/) { split($i, s, /[x+]/); w = s[1]; h = s[2] }
+                if ($i ~ /^\+-?[0-9]+\+-?[0-9]+$/) { split($i, p, "+"); x = p[2]; y = p[3] }
+            }
+            if (w > 1) { print x + int(w / 2), y + int(h / 2); exit }
+        }'
 }
 qm_icon_docked() { [ -n "$(qm_icon_center)" ]; }
 

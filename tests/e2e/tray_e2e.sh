@@ -27,16 +27,24 @@ printf '[database]\nlockfile = quendral.lck\nerrorlogfile = quendral.log\n' \
 lock=$work/home/database/quendral.lck
 
 qm_start_xvfb "$work/xvfb.log" || fail "Xvfb did not start"
-qm_start_trayer "$work/trayer.log" || fail "no tray host"
 
 export DBUS_SESSION_BUS_ADDRESS=disabled: XDG_CONFIG_HOME=$work/config \
     QUENDRAL_HOME=$work/home QUENDRAL_DEMO_HTTP_PORT=0 QUENDRAL_DEMO_START_DELAY_MS=1500 \
     LANG=C.UTF-8
+# The monitor starts before the panel, as autostart programs often do at
+# login; its icon must dock once a tray host is there, and again when the
+# host is restarted.
 "$monitor" >"$work/monitor.log" 2>&1 &
 monitor_pid=$!
-
+sleep 1
+qm_start_trayer "$work/trayer.log" || fail "no tray host"
 qm_until 15 qm_icon_docked || { cat "$work/monitor.log"; fail "the icon did not dock"; }
-echo "icon docked at $(qm_icon_center)"
+kill "${qm_pids[-1]}"
+wait "${qm_pids[-1]}" 2>/dev/null || true
+qm_until 5 sh -c '! xwininfo -root -tree | grep -q "\"panel\" \"trayer\""' || fail "trayer did not end"
+qm_start_trayer "$work/trayer-again.log" || fail "no tray host the second time"
+qm_until 15 qm_icon_docked || { cat "$work/monitor.log"; fail "the icon did not dock again"; }
+echo "icon docked at $(qm_icon_center), before and after the tray host restarted"
 open_menu() { qm_open_menu || fail "right-click did not open the menu"; }
 
 # Clicks the menu item at the given row from the top (0-based) or bottom (-1).
