@@ -13,14 +13,8 @@ using namespace testsupport;
 
 namespace {
 
-class InstanceStatus : public ::testing::Test {
+class InstanceStatus : public ::testing::Test, public InstanceFixture {
   protected:
-    TempDir dir;
-    LogCapture log;
-    std::string instDir = makeInstanceDir(dir, "x");
-    std::string lck = instDir + "/quendral.lck";
-    QuendralInstance inst{instDir};
-
     void SetUp() override { ASSERT_TRUE(inst.isValid()); }
     std::string stale() const { return "stale .lck file detected: " + lck; }
 };

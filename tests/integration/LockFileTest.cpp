@@ -12,14 +12,8 @@ using namespace testsupport;
 
 namespace {
 
-class LockFile : public ::testing::Test {
+class LockFile : public ::testing::Test, public InstanceFixture {
   protected:
-    TempDir dir;
-    LogCapture log;
-    std::string instDir = makeInstanceDir(dir, "x");
-    std::string lck = instDir + "/quendral.lck";
-    QuendralInstance inst{instDir};
-
     void SetUp() override { ASSERT_TRUE(inst.isValid()); }
     int32_t pidFrom(std::string_view content) {
         writeFile(lck, content);

@@ -57,6 +57,17 @@ bool waitFor(const std::function<bool()> &cond,
 // Writes a lock file naming pid.
 void writeLockFile(const std::string &path, long pid);
 
+// One valid instance directory "x" in a temporary directory, its lock file
+// path and the instance, with log lines captured.
+class InstanceFixture {
+  protected:
+    TempDir dir;
+    LogCapture log;
+    std::string instDir = makeInstanceDir(dir, "x");
+    std::string lck = instDir + "/quendral.lck";
+    QuendralInstance inst{instDir};
+};
+
 // How many descriptors this process has open.
 int openDescriptors();
 

@@ -25,12 +25,16 @@ std::vector<Entry> entriesOf(const TWK_CfgHandle *h) {
     return out;
 }
 
-Handle loadText(const TempDir &dir, std::string_view text, const std::string &name) {
-    const std::string path = dir / name;
-    writeFile(path, text);
+Handle openFile(const std::string &path) {
     TWK_CfgHandle *h = nullptr;
     EXPECT_EQ(TWK_Cfg_init(&h, path.c_str()), 0) << "cannot load " << path;
     return Handle(h);
+}
+
+Handle loadText(const TempDir &dir, std::string_view text, const std::string &name) {
+    const std::string path = dir / name;
+    writeFile(path, text);
+    return openFile(path);
 }
 
 } // namespace testsupport

@@ -46,6 +46,9 @@ inline Entry commentEntry(std::string comment) {
 
 std::vector<Entry> entriesOf(const TWK_CfgHandle *h);
 
+// Opens an existing file; fails the test when it cannot.
+Handle openFile(const std::string &path);
+
 // Writes text to a file in dir and opens it; fails the test when it cannot.
 Handle loadText(const TempDir &dir, std::string_view text, const std::string &name = "t.ini");
 

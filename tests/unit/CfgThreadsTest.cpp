@@ -27,9 +27,8 @@ TEST(CfgThreads, ConcurrentRefreshAndLookupStayConsistent) {
     TempDir dir;
     const std::string path = dir / "c.ini";
     rewrite(dir, path, 0);
-    TWK_CfgHandle *raw = nullptr;
-    ASSERT_EQ(TWK_Cfg_init(&raw, path.c_str()), 0);
-    Handle h(raw);
+    Handle h = openFile(path);
+    ASSERT_TRUE(h);
 
     std::atomic<bool> stop{false};
     std::atomic<int> badFind{0}, badRefresh{0}, reloads{0};
@@ -64,9 +63,8 @@ TEST(CfgThreads, CallersGuardingFieldReadsSeeWholeValues) {
     TempDir dir;
     const std::string path = dir / "c.ini";
     rewrite(dir, path, 0);
-    TWK_CfgHandle *raw = nullptr;
-    ASSERT_EQ(TWK_Cfg_init(&raw, path.c_str()), 0);
-    Handle h(raw);
+    Handle h = openFile(path);
+    ASSERT_TRUE(h);
 
     std::mutex callerLock;
     std::atomic<bool> stop{false};
@@ -102,10 +100,8 @@ TEST(CfgThreads, ConcurrentEditsAndCommitsAreSerialised) {
     const std::string path = dir / "e.ini";
     writeFile(path, "[s]\nk = 0\n");
     writeFile(dir / "src.ini", "[m]\nx = 1\n[s]\nk = merged\n");
-    TWK_CfgHandle *raw = nullptr, *rawSrc = nullptr;
-    ASSERT_EQ(TWK_Cfg_init(&raw, path.c_str()), 0);
-    ASSERT_EQ(TWK_Cfg_init(&rawSrc, (dir / "src.ini").c_str()), 0);
-    Handle h(raw), src(rawSrc);
+    Handle h = openFile(path), src = openFile(dir / "src.ini");
+    ASSERT_TRUE(h && src);
 
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
@@ -131,9 +127,8 @@ TEST(CfgThreads, ConcurrentEditsAndCommitsAreSerialised) {
 
     ASSERT_EQ(TWK_Cfg_write(h.get(), "s", "final", "yes"), 0);
     ASSERT_EQ(TWK_Cfg_commit(h.get()), 0);
-    TWK_CfgHandle *rawCheck = nullptr;
-    ASSERT_EQ(TWK_Cfg_init(&rawCheck, path.c_str()), 0);
-    Handle check(rawCheck);
+    Handle check = openFile(path);
+    ASSERT_TRUE(check);
     EXPECT_EQ(entriesOf(check.get()), entriesOf(h.get()));
 }
 
