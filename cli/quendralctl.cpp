@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -124,7 +125,14 @@ int run(int argc, char **argv) {
                         "Display name or directory (default: the default instance)");
     for (auto *cmd : {startCmd, stopCmd})
         cmd->add_option("--wait", waitSeconds, "Wait up to SECONDS for the change")
-            ->check(CLI::NonNegativeNumber);
+            ->check(CLI::NonNegativeNumber)
+            ->check(CLI::Validator(
+                [](std::string &v) {
+                    // "nan" passes the range check above; it is no time to wait.
+                    return std::isnan(std::strtod(v.c_str(), nullptr)) ? "not a number of seconds"
+                                                                       : std::string();
+                },
+                "SECONDS"));
     auto *envCmd = app.add_subcommand("env", "Print the environment a started server inherits");
 
     try {

@@ -90,6 +90,8 @@ TEST_F(Quendralctl, BadUsageIsExitTwo) {
     EXPECT_EQ(std::count(bogus.err.begin(), bogus.err.end(), '\n'), 1) << bogus.err;
     EXPECT_EQ(bogus.err.rfind("quendralctl: ", 0), 0u) << bogus.err;
     EXPECT_EQ(ctl("start --wait -1", env).status, 2);
+    EXPECT_EQ(ctl("start --wait nan", env).status, 2);
+    EXPECT_EQ(ctl("start --wait soon", env).status, 2);
 }
 
 TEST_F(Quendralctl, EnvPrintsWhatAServerInherits) {
