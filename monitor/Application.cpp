@@ -32,14 +32,6 @@ QString format(const char *english, const std::string &arg) {
         quendral::fillPlaceholders(quendral::localizedString(english), {arg}));
 }
 
-// An item's text as Qt shows it literally: Qt reads "&" as a mnemonic
-// marker (doubling shows it) and a tab as the start of the shortcut column,
-// so a tab in a directory name is shown as the space it stands for.
-QString escapeMnemonics(QString s) {
-    return s.replace(QLatin1Char('&'), QLatin1String("&&"))
-        .replace(QLatin1Char('\t'), QLatin1Char(' '));
-}
-
 } // namespace
 
 InstanceAction::InstanceAction(std::shared_ptr<QuendralInstance> instance, QObject *parent)
@@ -62,6 +54,25 @@ Application::~Application() {
     quendral::setTranslator({});
 }
 
+QString Application::itemText(const QString &shown) const {
+    QString s = shown;
+    if (_menu && _menu->platformMenu()) {
+        // The tray host draws the menu from a D-Bus description in which "_"
+        // marks a mnemonic ("__" is a literal one), and Qt turns the first
+        // "&" of the text into that "_": doubling the first "&" makes it
+        // show as itself. A tab has no meaning there.
+        s.replace(QLatin1Char('_'), QLatin1String("__"));
+        const qsizetype amp = s.indexOf(QLatin1Char('&'));
+        if (amp >= 0) s.insert(amp, QLatin1Char('&'));
+        return s;
+    }
+    // Qt draws the menu: it reads "&" as a mnemonic marker (doubling shows
+    // it) and a tab as the start of the shortcut column, so a tab in a
+    // directory name is shown as the space it stands for.
+    return s.replace(QLatin1Char('&'), QLatin1String("&&"))
+        .replace(QLatin1Char('\t'), QLatin1Char(' '));
+}
+
 QString Application::shownText(const QAction *action) {
     return action->text().replace(QLatin1String("&&"), QLatin1String("&"));
 }
@@ -75,12 +86,12 @@ void Application::applicationDidFinishLaunching() {
 
     _statusItem = new QSystemTrayIcon();
     _statusItem->setIcon(quendral::makeTrayIcon());
-    QMenu *trayMenu = createMenu();
+    _statusItem->setContextMenu(createMenu());
     // Some tray hosts show an empty menu for good if it had no items when
-    // the icon was registered, so it is filled once before it is handed over.
+    // the icon was registered (at show(), below), so it is filled once now,
+    // after it was handed over, so the texts suit whoever draws it.
     menuWillOpen();
     menuDidClose();
-    _statusItem->setContextMenu(trayMenu);
     _statusItem->setToolTip(text("Tarnwick Quendral"));
     // A left click opens the menu too, as it does on other desktops' status
     // items.
@@ -107,7 +118,7 @@ QMenu *Application::createMenu() {
 }
 
 QAction *Application::addGeneralItem(const char *title, bool enabled) {
-    QAction *item = _menu->addAction(escapeMnemonics(text(title)));
+    QAction *item = _menu->addAction(itemText(text(title)));
     item->setEnabled(enabled);
     return item;
 }
@@ -215,7 +226,7 @@ void Application::updateMenuItem(InstanceAction *item, const QuendralInstance &i
         title = "%@: Unknown";
         break;
     }
-    const QString shown = escapeMnemonics(format(title, instance.instanceName()));
+    const QString shown = itemText(format(title, instance.instanceName()));
     if (item->text() != shown) item->setText(shown);
     item->setKind(kind);
     item->setEnabled(kind != InstanceAction::Kind::None);

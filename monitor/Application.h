@@ -68,8 +68,12 @@ class Application : public QObject {
     QuendralManager &manager() { return *_manager; }
     // The alert while a confirmation is up, else null.
     QMessageBox *activeAlert() const { return _alert; }
-    // The text a menu item shows, with Qt's mnemonic escaping undone.
+    // The text a menu item shows, with Qt's mnemonic escaping undone (for a
+    // menu Qt draws).
     static QString shownText(const QAction *action);
+    // What to give an item as its text so that it shows `shown` as it is,
+    // whether Qt draws the menu or the tray host does.
+    QString itemText(const QString &shown) const;
 
   public slots:
     void startInstance(InstanceAction *sender);

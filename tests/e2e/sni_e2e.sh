@@ -1,0 +1,131 @@
+#!/usr/bin/env bash
+# The real tray executable on a D-Bus session with a StatusNotifierItem
+# watcher (status-notifier-watcher), talked to as a tray host talks to it:
+# the host registers, reads the item and its exported menu, sends the menu's
+# "opened"/"closed" events and clicks items. Checks the labels (a host draws
+# "_" as a mnemonic marker), that the open menu follows a server's start and
+# stops following once closed, that "Start" + Return in the alert starts the
+# server, and that quitting exits 0. Runs inside its own dbus-run-session.
+#
+#   sni_e2e.sh MONITOR QUENDRALCTL DEMO_SERVER
+set -euo pipefail
+if [ -z "${QM_SNI_INNER:-}" ]; then
+    QM_SNI_INNER=1 exec dbus-run-session -- "$0" "$@"
+fi
+monitor=$1 ctl=$2 demo=$3
+work=$(mktemp -d /tmp/quendral-sni.XXXXXX)
+qm_pids=()
+. "$(dirname "$0")/../../scripts/lib/xdisplay.sh"
+cleanup() {
+    "$ctl" --home "$work/home" stop "$work/home/R&D_x" --wait 5 >/dev/null 2>&1 || true
+    for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+    echo "FAIL: $*" >&2
+    [ -f "$work/monitor.log" ] && tail -n 40 "$work/monitor.log" >&2
+    exit 1
+}
+
+# One instance whose name holds both mnemonic characters.
+inst="$work/home/R&D_x"
+mkdir -p "$work/home/bin" "$inst"
+cp "$demo" "$work/home/bin/quendral"
+printf '[database]\n' >"$inst/quendral.ini"
+
+qm_start_xvfb "$work/xvfb.log" || fail "Xvfb did not start" # for the alert
+status-notifier-watcher >"$work/watcher.log" 2>&1 &
+qm_pids+=($!)
+watcher_up() { gdbus introspect --session --dest org.kde.StatusNotifierWatcher \
+    --object-path /StatusNotifierWatcher >/dev/null 2>&1; }
+qm_until 10 watcher_up || fail "no StatusNotifierWatcher"
+watcher() {
+    gdbus call --session --dest org.kde.StatusNotifierWatcher --object-path /StatusNotifierWatcher \
+        --method "$@"
+}
+watcher org.kde.StatusNotifierWatcher.RegisterStatusNotifierHost org.quendral.TestHost >/dev/null
+
+export XDG_CONFIG_HOME=$work/config QUENDRAL_HOME=$work/home QUENDRAL_DEMO_HTTP_PORT=0 LANG=C.UTF-8
+"$monitor" >"$work/monitor.log" 2>&1 &
+monitor_pid=$!
+
+item_name() {
+    watcher org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierWatcher \
+        RegisteredStatusNotifierItems | grep -o "'[^']*'" | head -1 | tr -d "'"
+}
+registered() { [ -n "$(item_name)" ]; }
+qm_until 15 registered || { cat "$work/monitor.log"; fail "the monitor registered no item"; }
+item=$(item_name)
+item=${item%%/*} # a bus name, possibly followed by the object path
+echo "item registered as $item"
+prop() {
+    gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
+        --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem "$1"
+}
+prop ToolTip | grep -q "'Tarnwick Quendral'" || fail "tool tip: $(prop ToolTip)"
+menu_path=$(prop Menu | grep -o "'/[^']*'" | tr -d "'")
+menu() {
+    gdbus call --session --dest "$item" --object-path "$menu_path" --method "$@"
+}
+layout() { menu com.canonical.dbusmenu.GetLayout 0 'int32 -1' '@as []'; }
+# "ID LABEL" for each item of the menu, in order ("-" for a separator).
+items() {
+    layout | grep -o "<([0-9]*, {[^}]*}" | sed -E \
+        -e "s/^<\(([0-9]+), \{.*'type': <'separator'>.*/\1 -/" \
+        -e "s/^<\(([0-9]+), \{.*'label': <\"([^\"]*)\">.*/\1 \2/" \
+        -e "s/^<\(([0-9]+), \{.*'label': <'([^']*)'>.*/\1 \2/"
+}
+label_of() { items | sed -n "$(($1 + 1))p" | cut -d' ' -f2-; }
+id_of() { items | sed -n "$(($1 + 1))p" | cut -d' ' -f1; }
+event() { menu com.canonical.dbusmenu.Event "$1" "$2" '<int32 0>' 'uint32 0' >/dev/null; }
+
+expected="Start Instance 'R_&D__x'
+-
+Open Diagnostic Messages
+Open Quendral Dravinter
+View Online Documentation
+-
+Start Quendral Monitor at Login
+Quit Quendral Monitor"
+actual=$(items | cut -d' ' -f2-)
+[ "$actual" = "$expected" ] || fail "menu labels:
+$actual"
+echo "menu exported with the labels a host shows as the texts given"
+
+# Opened: the menu follows a server started meanwhile.
+menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
+event 0 opened
+"$ctl" start "$inst" --wait 10 >/dev/null || fail "quendralctl start"
+follows() { [ "$(label_of 0)" = "Stop Instance 'R_&D__x'" ]; }
+qm_until 3 follows || fail "the open menu did not follow the start: $(label_of 0)"
+echo "open menu follows the server"
+
+# Closed: no refresh until the next opening.
+event 0 closed
+"$ctl" stop "$inst" --wait 10 >/dev/null || fail "quendralctl stop"
+sleep 1.5
+[ "$(label_of 0)" = "Stop Instance 'R_&D__x'" ] || fail "the closed menu was still refreshed"
+echo "closed menu is left alone"
+
+# A host opens it again and clicks the instance's item: the alert, Return.
+menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
+event 0 opened
+[ "$(label_of 0)" = "Start Instance 'R_&D__x'" ] || fail "reopened menu: $(label_of 0)"
+event 0 closed
+event "$(id_of 0)" clicked
+alert_up() { xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1; }
+qm_until 5 alert_up || fail "clicking the item showed no alert"
+sleep 0.3
+xdotool key Return
+qm_until 10 test -s "$inst/quendral.lck" || fail "Return in the alert did not start the server"
+echo "clicked item and Return started the server"
+
+# Quit: exit 0, the server keeps running.
+event "$(id_of 7)" clicked
+status=0
+wait "$monitor_pid" || status=$?
+[ "$status" -eq 0 ] || fail "quit exited with $status"
+"$ctl" status "$inst" >/dev/null || fail "quitting stopped the server"
+echo "quit exited 0; the server runs on"
