@@ -44,8 +44,7 @@ Application::Application(std::string bundlePath) : _bundlePath(std::move(bundleP
 }
 
 Application::~Application() {
-    // The tray icon and menu are deleted with the manager gone first, in the
-    // order the fields were made; the timer, if any, goes with its parent.
+    // Released in the order the fields are declared, the manager first.
     _manager.reset();
     delete _statusItem;
     delete _menuUpdateTimer;
@@ -56,7 +55,7 @@ Application::~Application() {
 
 QString Application::itemText(const QString &shown) const {
     QString s = shown;
-    if (_menu && _menu->platformMenu()) {
+    if (hostDrawsMenu()) {
         // The tray host draws the menu from a D-Bus description in which "_"
         // marks a mnemonic ("__" is a literal one), and Qt turns the first
         // "&" of the text into that "_": doubling the first "&" makes it
@@ -71,6 +70,12 @@ QString Application::itemText(const QString &shown) const {
     // directory name is shown as the space it stands for.
     return s.replace(QLatin1Char('&'), QLatin1String("&&"))
         .replace(QLatin1Char('\t'), QLatin1Char(' '));
+}
+
+bool Application::hostDrawsMenu() const {
+    // A StatusNotifierItem host draws the menu from the description Qt
+    // exports over D-Bus; Qt then gives the menu a platform counterpart.
+    return _menu && _menu->platformMenu();
 }
 
 QString Application::shownText(const QAction *action) {
@@ -188,10 +193,9 @@ void Application::menuTimerFired() {
     // Tray hosts that draw the menu themselves may never say it closed: for
     // those a time limit ends the refresh. A menu Qt draws is closed exactly
     // when it is no longer visible, and refreshes for as long as it is open.
-    const bool drawnByQt = _menu->platformMenu() == nullptr;
     const bool closed =
-        drawnByQt ? !_menu->isVisible()
-                  : QDateTime::currentMSecsSinceEpoch() - _menuOpenedAt > kMenuRefreshLimitMs;
+        hostDrawsMenu() ? QDateTime::currentMSecsSinceEpoch() - _menuOpenedAt > kMenuRefreshLimitMs
+                        : !_menu->isVisible();
     if (closed) {
         menuDidClose();
         return;

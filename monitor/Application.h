@@ -90,6 +90,7 @@ class Application : public QObject {
     void bringAlertToFront();
 
   private:
+    bool hostDrawsMenu() const;
     QAction *addGeneralItem(const char *title, bool enabled);
 
     std::unique_ptr<QuendralManager> _manager;

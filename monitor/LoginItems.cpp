@@ -1,5 +1,6 @@
 #include "LoginItems.h"
 
+#include "BoundedRead.h"
 #include "PathUtil.h"
 
 #include <algorithm>
@@ -32,31 +33,6 @@ int hexValue(char c) {
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     return -1;
-}
-
-// Reads a whole regular file of bounded size without ever waiting on it.
-std::optional<std::string> readSmallFile(const std::string &path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return std::nullopt;
-    struct stat st;
-    std::optional<std::string> text;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-        static_cast<size_t>(st.st_size) <= kEntryReadLimit) {
-        std::string buf(kEntryReadLimit + 1, '\0');
-        size_t got = 0;
-        ssize_t n;
-        while (got < buf.size() && (n = read(fd, buf.data() + got, buf.size() - got)) != 0) {
-            if (n < 0) {
-                if (errno == EINTR) continue;
-                got = buf.size(); // treat as unreadable below
-                break;
-            }
-            got += static_cast<size_t>(n);
-        }
-        if (got <= kEntryReadLimit) text = buf.substr(0, got);
-    }
-    close(fd);
-    return text;
 }
 
 // A desktop-entry string value with its escapes (\s \n \t \r \\) undone.
@@ -230,8 +206,9 @@ std::vector<LoginItemList::Item> LoginItemList::snapshot() const {
 }
 
 std::optional<std::string> LoginItemList::resolve(const Item &item) const {
-    const std::optional<std::string> text = readSmallFile(item.file);
-    if (!text) return std::nullopt;
+    const BoundedRead entry = readBounded(item.file, kEntryReadLimit);
+    if (entry.status != BoundedRead::Ok || !entry.complete) return std::nullopt;
+    const std::string *text = &entry.text;
     std::string exec;
     bool inEntry = false, hidden = false;
     size_t start = 0;

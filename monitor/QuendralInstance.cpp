@@ -1,5 +1,6 @@
 #include "QuendralInstance.h"
 
+#include "BoundedRead.h"
 #include "Localization.h"
 #include "Log.h"
 #include "PathUtil.h"
@@ -88,78 +89,32 @@ std::optional<std::string> QuendralInstance::logFile() {
     return std::nullopt;
 }
 
-namespace {
-
-enum class LockRead { Ok, Absent, Failed };
-
-// Reads the start of a lock file without ever blocking: only regular files
-// are read, and only the first `limit` bytes. Nothing there, or a directory,
-// is Absent; anything else that cannot be read is Failed with a description.
-LockRead readLockFileHead(const std::string &file, size_t limit, std::string &text,
-                          std::string &error) {
-    const int fd = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) {
-        const int err = errno;
-        // What stat cannot see (missing, or behind a directory we may not
-        // search) counts as not there; only a file that exists but cannot
-        // be opened is an error.
-        struct stat st;
-        if (err == ENOENT || err == ENOTDIR || stat(file.c_str(), &st) != 0)
-            return LockRead::Absent;
-        error = std::strerror(err);
-        return LockRead::Failed;
-    }
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        const bool directory = S_ISDIR(st.st_mode);
-        close(fd);
-        if (directory) return LockRead::Absent;
-        error = "not a regular file";
-        return LockRead::Failed;
-    }
-    // Sized from fstat so that a normal lock file takes one read; a file that
-    // grows meanwhile is read up to the limit all the same.
-    const size_t want = std::min(limit, static_cast<size_t>(st.st_size) + 1);
-    text.resize(want);
-    size_t got = 0;
-    while (got < want) {
-        const ssize_t n = read(fd, text.data() + got, want - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            error = std::strerror(errno);
-            close(fd);
-            return LockRead::Failed;
-        }
-        if (n == 0) break;
-        got += static_cast<size_t>(n);
-        if (got == static_cast<size_t>(st.st_size)) break;
-    }
-    close(fd);
-    text.resize(got);
-    for (unsigned char c : text) {
-        if (c > 0x7F) {
-            error = "the file is not ASCII text";
-            return LockRead::Failed;
-        }
-    }
-    return LockRead::Ok;
-}
-
-} // namespace
-
 int32_t QuendralInstance::pidValueFromLockFile() {
     if (!_lckFile) return 0;
 
-    std::string text, error;
-    switch (readLockFileHead(*_lckFile, kLockFileReadLimit, text, error)) {
-    case LockRead::Absent:
+    // A directory there counts as no lock file; a FIFO, a device or bytes
+    // that are not ASCII cannot be one.
+    BoundedRead lock = readBounded(*_lckFile, kLockFileReadLimit);
+    switch (lock.status) {
+    case BoundedRead::Missing:
+    case BoundedRead::Directory:
         return 0;
-    case LockRead::Failed:
-        logMessage("Error reading %@: %@", {*_lckFile, error});
-        return 0;
-    case LockRead::Ok:
+    case BoundedRead::NotRegular:
+        lock.error = "not a regular file";
+        break;
+    case BoundedRead::Ok:
+        if (std::any_of(lock.text.begin(), lock.text.end(),
+                        [](unsigned char c) { return c > 0x7F; }))
+            lock.error = "the file is not ASCII text";
+        break;
+    case BoundedRead::Failed:
         break;
     }
+    if (!lock.error.empty()) {
+        logMessage("Error reading %@: %@", {*_lckFile, lock.error});
+        return 0;
+    }
+    const std::string &text = lock.text;
     const size_t first = text.find_first_of("0123456789");
     if (first == std::string::npos) {
         logMessage("Malformed .lck file %@", {*_lckFile});

@@ -1,0 +1,27 @@
+// Reading a small file from disk without ever blocking or reading without
+// bound: only regular files are read (opened non-blocking, so a FIFO or a
+// device swapped in cannot stall the open), and only their first bytes.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace quendral {
+
+struct BoundedRead {
+    enum Status {
+        Ok,         // text holds the file's first bytes, at most the limit
+        Missing,    // nothing there, or behind a directory we may not search
+        Directory,  // a directory stands there
+        NotRegular, // a FIFO, device or socket: not read
+        Failed,     // it exists but could not be opened or read (error says why)
+    };
+    Status status = Failed;
+    std::string text;
+    std::string error;
+    bool complete = false; // Ok and the whole file fit within the limit
+};
+
+BoundedRead readBounded(const std::string &path, size_t limit);
+
+} // namespace quendral
