@@ -53,6 +53,7 @@ BoundedRead readBounded(const std::string &path, size_t limit) {
     close(fd);
     r.text.resize(got);
     r.status = BoundedRead::Ok;
+    r.mtime = st.st_mtim;
     r.complete = got < limit || (got == size && size <= limit);
     return r;
 }

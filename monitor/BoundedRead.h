@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 #include <string>
 
 namespace quendral {
@@ -20,6 +21,7 @@ struct BoundedRead {
     std::string text;
     std::string error;
     bool complete = false; // Ok and the whole file fit within the limit
+    timespec mtime{};      // Ok: when the file was last modified
 };
 
 BoundedRead readBounded(const std::string &path, size_t limit);

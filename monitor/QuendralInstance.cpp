@@ -90,7 +90,11 @@ std::optional<std::string> QuendralInstance::logFile() {
 }
 
 int32_t QuendralInstance::pidValueFromLockFile() {
-    if (!_lckFile) return 0;
+    return readLockFile().pid;
+}
+
+QuendralInstance::LockFileContent QuendralInstance::readLockFile() {
+    if (!_lckFile) return {};
 
     // A directory there counts as no lock file; a FIFO, a device or bytes
     // that are not ASCII cannot be one.
@@ -98,7 +102,7 @@ int32_t QuendralInstance::pidValueFromLockFile() {
     switch (lock.status) {
     case BoundedRead::Missing:
     case BoundedRead::Directory:
-        return 0;
+        return {};
     case BoundedRead::NotRegular:
         lock.error = "not a regular file";
         break;
@@ -112,13 +116,13 @@ int32_t QuendralInstance::pidValueFromLockFile() {
     }
     if (!lock.error.empty()) {
         logMessage("Error reading %@: %@", {*_lckFile, lock.error});
-        return 0;
+        return {};
     }
     const std::string &text = lock.text;
     const size_t first = text.find_first_of("0123456789");
     if (first == std::string::npos) {
         logMessage("Malformed .lck file %@", {*_lckFile});
-        return 0;
+        return {};
     }
     // The digit run's low 32 bits, taken as a signed pid.
     uint32_t value = 0;
@@ -130,9 +134,9 @@ int32_t QuendralInstance::pidValueFromLockFile() {
     // see it (-1 would signal every process of the user).
     if (lockPid <= 0) {
         logMessage("Malformed .lck file %@", {*_lckFile});
-        return 0;
+        return {};
     }
-    return lockPid;
+    return {lockPid, lock.mtime};
 }
 
 bool QuendralInstance::isRunning(int32_t pid) {
@@ -141,7 +145,10 @@ bool QuendralInstance::isRunning(int32_t pid) {
     // launched do not stay zombies.
     const pid_t reaped = waitpid(-1, nullptr, WNOHANG);
     if (reaped == pid) return false;
-    // Another user's process (EPERM) counts as not running.
+    // The known server is asked through its handle: if it ended, a process
+    // that has its pid now is someone else. Another user's process (EPERM)
+    // counts as not running either way.
+    if (pid == _pid.pid()) return _pid.alive();
     return kill(pid, 0) == 0;
 }
 
@@ -154,28 +161,52 @@ void QuendralInstance::setStatus(int32_t status) {
     }
 }
 
+void QuendralInstance::logStaleLockFile() const {
+    logMessage("stale .lck file detected: %@", {_lckFile.value_or("")});
+}
+
+bool QuendralInstance::lockFileConfirmsStart() {
+    const LockFileContent lock = readLockFile();
+    if (lock.pid == 0) return false; // not written yet
+    if (lock.pid == _pid.pid()) {
+        if (_pid.couldHaveWritten(lock.mtime)) return true;
+        // Older than the process we launched: an earlier server's file whose
+        // pid the system has given to ours by chance.
+        logStaleLockFile();
+        return false;
+    }
+    ProcessHandle named(lock.pid);
+    if (!named.alive() || !named.couldHaveWritten(lock.mtime)) {
+        // Left by an earlier server; ours has not written its own yet.
+        logStaleLockFile();
+        return false;
+    }
+    // A server that forks: the lock file names the process that serves.
+    logMessage("pid value from .lck file is different (expected %d, got %d)",
+               {std::to_string(_pid.pid()), std::to_string(lock.pid)});
+    _pid = std::move(named);
+    return true;
+}
+
 void QuendralInstance::refresh() {
-    if (_pid != 0 && isRunning(_pid)) {
+    if (_pid.pid() != 0 && isRunning(_pid.pid())) {
         if (_serverStatus == ServerStatusStopping) return;
-        if (_serverStatus == ServerStatusStarting) {
-            const int32_t lockPid = pidValueFromLockFile();
-            if (lockPid == 0) return;
-            if (lockPid != _pid) {
-                logMessage("pid value from .lck file is different (expected %d, got %d)",
-                           {std::to_string(_pid), std::to_string(lockPid)});
-                _pid = lockPid;
-            }
-        }
+        if (_serverStatus == ServerStatusStarting && !lockFileConfirmsStart()) return;
         setStatus(ServerStatusRunning);
         return;
     }
-    _pid = pidValueFromLockFile();
-    if (_pid != 0) {
-        if (isRunning(_pid)) {
+    const LockFileContent lock = readLockFile();
+    _pid = ProcessHandle(lock.pid);
+    if (lock.pid != 0) {
+        if (isRunning(lock.pid) && _pid.couldHaveWritten(lock.mtime)) {
             setStatus(ServerStatusRunning);
             return;
         }
-        logMessage("stale .lck file detected: %@", {_lckFile.value_or("")});
+        // Its writer has ended; a live process with that pid began later and
+        // is not the server. Forget the pid so it is neither probed as the
+        // server nor signalled.
+        logStaleLockFile();
+        _pid = ProcessHandle();
     }
     setStatus(ServerStatusStopped);
     if (!isValid()) _entryStatus = EntryStatusRemoved;
@@ -237,8 +268,10 @@ bool QuendralInstance::startup() {
         logMessage("quendral executable not found");
         return false;
     }
-    _pid = launchExecutable(executable, {"quendral", "-f"}, _path);
-    if (_pid == 0) return false;
+    // Held from the fork on, so that neither a refresh nor a stop can ever
+    // take another process for it.
+    _pid = ProcessHandle(launchExecutable(executable, {"quendral", "-f"}, _path));
+    if (_pid.pid() == 0) return false;
     setStatus(ServerStatusStarting);
     return true;
 }
@@ -246,10 +279,8 @@ bool QuendralInstance::startup() {
 bool QuendralInstance::shutdown() {
     refresh();
     if (_serverStatus != ServerStatusRunning) return false;
-    // A running status always comes with a positive pid; check anyway, since
-    // kill() with 0 or -1 would reach whole groups of processes.
-    if (_pid <= 0 || kill(_pid, SIGTERM) != 0) {
-        const int err = _pid <= 0 ? ESRCH : errno;
+    // Through the handle: the signal reaches the server or nobody.
+    if (const int err = _pid.signal(SIGTERM); err != 0) {
         logMessage("terminate: cannot terminate %@ (errno %d)",
                    {instanceName(), std::to_string(err)});
         return false;

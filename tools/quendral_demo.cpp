@@ -16,6 +16,11 @@
 //   QUENDRAL_DEMO_LOCK_PID=N         write N to the lock file instead of our pid
 //   QUENDRAL_DEMO_HTTP_PORT=N        serve on port N instead of 8890 (0: no page)
 //   QUENDRAL_DEMO_ENV_FILE=PATH      write the environment we inherited there
+//   QUENDRAL_DEMO_FORK=1             serve from a forked child (which writes its own
+//                                    pid); the first process waits for it, as a
+//                                    supervisor does
+//   QUENDRAL_DEMO_FORK=2             the same, but the first process exits at once,
+//                                    as a daemon's parent does
 #include "ncfg.h"
 
 #include <arpa/inet.h>
@@ -30,6 +35,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 extern char **environ;
@@ -156,6 +162,18 @@ int main(int argc, char **argv) {
     if (envNumber("QUENDRAL_DEMO_FAIL", 0)) return 1;
 
     readConfig();
+
+    if (const long mode = envNumber("QUENDRAL_DEMO_FORK", 0); mode == 1 || mode == 2) {
+        const pid_t child = fork();
+        if (child < 0) return 1;
+        if (child > 0) {
+            if (mode == 2) return 0;
+            int status = 0;
+            while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+            }
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+        }
+    }
 
     struct sigaction sa {};
     sa.sa_handler = envNumber("QUENDRAL_DEMO_IGNORE_TERM", 0) ? SIG_IGN : onTerm;

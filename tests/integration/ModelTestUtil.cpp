@@ -1,6 +1,9 @@
 #include "ModelTestUtil.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <stdexcept>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <csignal>
@@ -85,6 +88,25 @@ bool waitFor(const std::function<bool()> &cond, std::chrono::milliseconds limit)
 
 void writeLockFile(const std::string &path, long pid) {
     writeFile(path, std::to_string(pid) + "\n");
+}
+
+void backdate(const std::string &path, long seconds) {
+    timespec times[2];
+    clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= seconds;
+    times[1] = times[0];
+    if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0)
+        throw std::runtime_error("cannot set the time of " + path);
+}
+
+ReusedPidLockFile::ReusedPidLockFile(const std::string &path) {
+    writeLockFile(path, unrelated_.pid());
+    backdate(path, 2 * 24 * 3600);
+}
+
+bool ReusedPidLockFile::unrelatedAlive() const {
+    const char state = processState(unrelated_.pid());
+    return state != 0 && state != 'Z';
 }
 
 std::string demoServerPath() {

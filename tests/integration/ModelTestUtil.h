@@ -57,6 +57,22 @@ bool waitFor(const std::function<bool()> &cond,
 // Writes a lock file naming pid.
 void writeLockFile(const std::string &path, long pid);
 
+// Sets a file's modification time to `seconds` before now.
+void backdate(const std::string &path, long seconds);
+
+// A lock file left by a server that ended long ago, whose pid the system has
+// since given to an unrelated process: it names a live process (a "sleep"
+// started here) and was last written two days before that process began.
+class ReusedPidLockFile {
+  public:
+    explicit ReusedPidLockFile(const std::string &path);
+    pid_t pid() const { return unrelated_.pid(); }
+    bool unrelatedAlive() const;
+
+  private:
+    ChildProcess unrelated_;
+};
+
 // One valid instance directory "x" in a temporary directory, its lock file
 // path and the instance, with log lines captured.
 class InstanceFixture {

@@ -251,12 +251,14 @@ TEST_F(ProcessControl, LaunchedServerHasDevNullForItsStandardStreamsAndNoOtherDe
     waitpid(pid, nullptr, 0);
 }
 
-// Makes every kill() with SIGTERM fail with EPERM in this process: the way a
-// server that the user may not signal looks from here.
+// Makes every SIGTERM sent by kill() or pidfd_send_signal() fail with EPERM
+// in this process: the way a server that the user may not signal looks from
+// here. Both calls take the signal as their second argument.
 bool forbidSigterm() {
     sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_kill, 0, 3),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_kill, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pidfd_send_signal, 0, 3),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SIGTERM, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),

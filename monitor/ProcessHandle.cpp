@@ -1,0 +1,153 @@
+#include "ProcessHandle.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <utility>
+
+namespace quendral {
+
+namespace {
+
+int pidfdOpen(pid_t pid) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    errno = ENOSYS;
+    return -1;
+#endif
+}
+
+int pidfdSendSignal(int fd, int sig) {
+#ifdef SYS_pidfd_send_signal
+    return static_cast<int>(syscall(SYS_pidfd_send_signal, fd, sig, nullptr, 0));
+#else
+    (void)fd;
+    (void)sig;
+    errno = ENOSYS;
+    return -1;
+#endif
+}
+
+// Field 22 of /proc/PID/stat: when the process began, in clock ticks after
+// boot. The command name (field 2) may hold blanks and parentheses, so the
+// fields are counted from the last ')'.
+std::optional<unsigned long long> startTicks(pid_t pid) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    char buf[1024];
+    ssize_t n;
+    do n = read(fd, buf, sizeof buf - 1);
+    while (n < 0 && errno == EINTR);
+    ::close(fd);
+    if (n <= 0) return std::nullopt;
+    buf[n] = '\0';
+    const char *p = std::strrchr(buf, ')');
+    if (!p) return std::nullopt;
+    p++;
+    // After ')' come field 3 (state) to field 22: skip 19 fields.
+    for (int field = 3; field < 22; field++) {
+        while (*p == ' ') p++;
+        while (*p && *p != ' ') p++;
+        if (!*p) return std::nullopt;
+    }
+    char *end = nullptr;
+    errno = 0;
+    const unsigned long long ticks = std::strtoull(p, &end, 10);
+    if (end == p || errno != 0) return std::nullopt;
+    return ticks;
+}
+
+} // namespace
+
+std::optional<timespec> processStartTime(pid_t pid) {
+    if (pid <= 0) return std::nullopt;
+    const std::optional<unsigned long long> ticks = startTicks(pid);
+    const long hz = sysconf(_SC_CLK_TCK);
+    if (!ticks || hz <= 0) return std::nullopt;
+    // The boot time as wall-clock time: what /proc/stat calls btime, but
+    // current (it moves when the clock is set) and finer than a second.
+    // Reading it now, not once, keeps start times comparable with file
+    // times when the clock has been set since the monitor started.
+    timespec real{}, boot{};
+    if (clock_gettime(CLOCK_REALTIME, &real) != 0 || clock_gettime(CLOCK_BOOTTIME, &boot) != 0)
+        return std::nullopt;
+    const long long ns =
+        (static_cast<long long>(real.tv_sec) - boot.tv_sec) * 1000000000LL +
+        (real.tv_nsec - boot.tv_nsec) +
+        static_cast<long long>(*ticks % static_cast<unsigned long long>(hz)) * (1000000000LL / hz);
+    timespec start{};
+    start.tv_sec = static_cast<time_t>(
+        ns / 1000000000LL + static_cast<long long>(*ticks / static_cast<unsigned long long>(hz)));
+    start.tv_nsec = static_cast<long>(ns % 1000000000LL);
+    if (start.tv_nsec < 0) {
+        start.tv_nsec += 1000000000L;
+        start.tv_sec--;
+    }
+    return start;
+}
+
+bool couldHaveWritten(const std::optional<timespec> &start, const timespec &mtime) {
+    // Without a start time the liveness test alone decides, as it must on a
+    // system that does not tell when processes began.
+    if (!start) return true;
+    const time_t latest = mtime.tv_sec + 1;
+    return start->tv_sec < latest || (start->tv_sec == latest && start->tv_nsec <= mtime.tv_nsec);
+}
+
+ProcessHandle::ProcessHandle(pid_t pid) : pid_(pid > 0 ? pid : 0) {
+    if (pid_ == 0) return;
+    // The handle first, then the start time: if the process is still alive
+    // after the time was read, that time is its own and not that of a
+    // process which took the pid in between.
+    fd_ = pidfdOpen(pid_);
+    start_ = processStartTime(pid_);
+}
+
+ProcessHandle::~ProcessHandle() {
+    close();
+}
+
+ProcessHandle::ProcessHandle(ProcessHandle &&other) noexcept
+    : pid_(std::exchange(other.pid_, 0)), fd_(std::exchange(other.fd_, -1)),
+      start_(std::exchange(other.start_, std::nullopt)) {}
+
+ProcessHandle &ProcessHandle::operator=(ProcessHandle &&other) noexcept {
+    if (this != &other) {
+        close();
+        pid_ = std::exchange(other.pid_, 0);
+        fd_ = std::exchange(other.fd_, -1);
+        start_ = std::exchange(other.start_, std::nullopt);
+    }
+    return *this;
+}
+
+void ProcessHandle::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+}
+
+int ProcessHandle::signal(int sig) const {
+    // kill() with 0 or a negative pid would reach whole groups of processes.
+    if (pid_ <= 0) return ESRCH;
+    const int r = fd_ >= 0 ? pidfdSendSignal(fd_, sig) : kill(pid_, sig);
+    return r == 0 ? 0 : errno;
+}
+
+bool ProcessHandle::alive() const {
+    return signal(0) == 0;
+}
+
+bool ProcessHandle::couldHaveWritten(const timespec &mtime) const {
+    return quendral::couldHaveWritten(start_, mtime);
+}
+
+} // namespace quendral

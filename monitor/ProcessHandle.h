@@ -1,0 +1,60 @@
+// A hold on one process that stays with that process. A pid alone does not:
+// once a server has ended, the system may give its pid to any later process,
+// and a lock file left behind then names that stranger. The handle is opened
+// once, when the monitor takes a pid as its server's; from then on it answers
+// for that process only, so a later process that took over the pid is never
+// probed as the server nor signalled.
+#pragma once
+
+#include <ctime>
+#include <optional>
+#include <sys/types.h>
+
+namespace quendral {
+
+// When a process began, as wall-clock time, or nullopt where the system does
+// not say (no /proc, or /proc mounted so that another user's processes are
+// hidden from us).
+std::optional<timespec> processStartTime(pid_t pid);
+
+// Whether a process that began at `start` could have written a file last
+// modified at `mtime`: it began no later than that, allowing one second for
+// the coarseness of start times. An unknown start time cannot rule it out.
+bool couldHaveWritten(const std::optional<timespec> &start, const timespec &mtime);
+
+class ProcessHandle {
+  public:
+    ProcessHandle() = default;
+    // Holds whichever process has this pid now (none for pid <= 0), and
+    // reads its start time.
+    explicit ProcessHandle(pid_t pid);
+    ~ProcessHandle();
+    ProcessHandle(ProcessHandle &&other) noexcept;
+    ProcessHandle &operator=(ProcessHandle &&other) noexcept;
+    ProcessHandle(const ProcessHandle &) = delete;
+    ProcessHandle &operator=(const ProcessHandle &) = delete;
+
+    pid_t pid() const { return pid_; }
+    // Whether the process still exists; one that has ended but was not yet
+    // collected by its parent still does. Another user's process counts as
+    // gone, as we may not signal it.
+    bool alive() const;
+    // Sends `sig` to the process: 0, or the errno of the failure (ESRCH once
+    // it has ended, even if its pid now belongs to another process).
+    int signal(int sig) const;
+    // Whether the held process could have written a file last modified at
+    // `mtime` (see couldHaveWritten).
+    bool couldHaveWritten(const timespec &mtime) const;
+
+  private:
+    void close();
+
+    pid_t pid_ = 0;
+    // A pidfd; -1 where the kernel has none (before Linux 5.3) or none could
+    // be opened (descriptor limit). Then the plain pid is used, as it was
+    // before pidfds existed.
+    int fd_ = -1;
+    std::optional<timespec> start_;
+};
+
+} // namespace quendral
