@@ -1,6 +1,7 @@
 #include "QuendralInstance.h"
 
 #include "BoundedRead.h"
+#include "ExecutableTrust.h"
 #include "Localization.h"
 #include "Log.h"
 #include "PathUtil.h"
@@ -217,13 +218,20 @@ bool QuendralInstance::canStart() const {
 }
 
 std::string QuendralInstance::findExecutable() const {
-    if (const char *binary = std::getenv("QUENDRAL_BINARY");
-        binary && path::existsNotDirectory(binary))
+    // A candidate that exists is taken only if nobody else can have put it
+    // there; one that fails is logged and the search goes on.
+    auto usable = [](const std::string &candidate) {
+        if (!path::existsNotDirectory(candidate)) return false;
+        const auto why = whyUntrusted(candidate);
+        if (why) logUntrusted(candidate, *why);
+        return !why;
+    };
+    if (const char *binary = std::getenv("QUENDRAL_BINARY"); binary && usable(binary))
         return binary;
     std::string inside = path::append(_path, "quendral");
-    if (path::existsNotDirectory(inside)) return inside;
+    if (usable(inside)) return inside;
     std::string beside = path::append(_path, "../bin/quendral");
-    if (path::existsNotDirectory(beside)) return beside;
+    if (usable(beside)) return beside;
     return "quendral";
 }
 
@@ -263,7 +271,15 @@ int32_t QuendralInstance::launchExecutable(const std::string &executable,
 bool QuendralInstance::startup() {
     refresh();
     if (_entryStatus == EntryStatusRemoved || _serverStatus != ServerStatusStopped) return false;
-    const std::string executable = findExecutable();
+    std::string executable = findExecutable();
+    if (executable.find('/') == std::string::npos) {
+        // The bare name is looked up here rather than by execvp in the
+        // child, so that every PATH entry passes the same test as the other
+        // candidates; argument 0 stays "quendral" all the same.
+        const char *searchPath = std::getenv("PATH");
+        executable = findTrustedOnPath(executable, searchPath ? searchPath : "/bin:/usr/bin", _path)
+                         .value_or("");
+    }
     if (executable.empty()) {
         logMessage("quendral executable not found");
         return false;

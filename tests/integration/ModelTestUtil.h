@@ -7,7 +7,9 @@
 #include "TempDir.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -53,6 +55,27 @@ pid_t parentOf(pid_t pid);
 // Polls cond every 10 ms until it holds or the time runs out.
 bool waitFor(const std::function<bool()> &cond,
              std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+  public:
+    ScopedEnv(const char *name, const std::string &value) : name_(name) {
+        if (const char *old = std::getenv(name)) old_ = old;
+        setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (old_)
+            setenv(name_, old_->c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+    ScopedEnv(const ScopedEnv &) = delete;
+    ScopedEnv &operator=(const ScopedEnv &) = delete;
+
+  private:
+    const char *name_;
+    std::optional<std::string> old_;
+};
 
 // Writes a lock file naming pid.
 void writeLockFile(const std::string &path, long pid);

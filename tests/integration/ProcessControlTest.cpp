@@ -18,25 +18,6 @@ using namespace testsupport;
 
 namespace {
 
-// Sets an environment variable for the life of the object.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char *name, const std::string &value) : name_(name) {
-        if (const char *old = std::getenv(name)) old_ = old;
-        setenv(name, value.c_str(), 1);
-    }
-    ~ScopedEnv() {
-        if (old_)
-            setenv(name_, old_->c_str(), 1);
-        else
-            unsetenv(name_);
-    }
-
-  private:
-    const char *name_;
-    std::optional<std::string> old_;
-};
-
 // An installation with bin/quendral (the demo server) and one instance.
 class ProcessControl : public ::testing::Test {
   protected:
