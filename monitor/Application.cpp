@@ -133,7 +133,6 @@ void Application::menuWillOpen() {
     if (!_manager) return; // not launched yet
     const auto instances = _manager->allInstances();
     _menu->clear();
-    _defaultInstance.reset();
 
     if (!instances.empty()) {
         for (const auto &instance : instances) {
@@ -144,7 +143,6 @@ void Application::menuWillOpen() {
                 if (item->kind() == InstanceAction::Kind::Stop) stopInstance(item);
             });
             _menu->addAction(item);
-            if (instance->isDefault()) _defaultInstance = instance;
         }
         // A timer left from an opening that was never closed is stopped
         // here: nothing may keep polling once the menu is gone.
@@ -157,7 +155,7 @@ void Application::menuWillOpen() {
     } else {
         addGeneralItem("No Quendral Instances", false);
     }
-    if (!_defaultInstance && instances.size() == 1) _defaultInstance = instances.front();
+    _defaultInstance = QuendralManager::defaultInstance(instances);
 
     _menu->addSeparator();
     QAction *log = addGeneralItem("Open Diagnostic Messages",

@@ -10,6 +10,15 @@
 
 using quendral::logMessage;
 
+std::shared_ptr<QuendralInstance>
+QuendralManager::defaultInstance(const std::vector<std::shared_ptr<QuendralInstance>> &instances) {
+    std::shared_ptr<QuendralInstance> found;
+    for (const auto &instance : instances)
+        if (instance->isDefault()) found = instance;
+    if (!found && instances.size() == 1) found = instances.front();
+    return found;
+}
+
 void QuendralManager::addSearchPath(const std::string &path) {
     const std::string resolved = quendral::path::resolveSymlinks(path);
     if (isDirectory(resolved)) _searchPaths.push_back(resolved);

@@ -25,6 +25,12 @@ class QuendralManager {
 
     const std::vector<std::string> &searchPaths() const { return _searchPaths; }
 
+    // The instance that acts when none is named (the menu's log and
+    // Dravinter items, quendralctl without INSTANCE): the last one flagged
+    // default in the given order, else the only one, else none.
+    static std::shared_ptr<QuendralInstance>
+    defaultInstance(const std::vector<std::shared_ptr<QuendralInstance>> &instances);
+
   private:
     std::vector<std::string> _searchPaths;
     // Keyed by directory path; std::map keeps them in byte order, which is

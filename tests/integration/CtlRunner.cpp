@@ -15,10 +15,13 @@ std::string shellQuote(const std::string &s) {
 }
 
 CtlResult runCtl(const std::string &args, const std::string &env, const std::string &binary) {
+    return runShell(env + " " + shellQuote(binary) + " " + args);
+}
+
+CtlResult runShell(const std::string &command) {
     TempDir scratch;
     const std::string errFile = scratch / "stderr";
-    const std::string cmd =
-        env + " " + shellQuote(binary) + " " + args + " 2>" + shellQuote(errFile);
+    const std::string cmd = "( " + command + " ) 2>" + shellQuote(errFile);
     CtlResult r;
     FILE *p = popen(cmd.c_str(), "r");
     if (!p) return r;

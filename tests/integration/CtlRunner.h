@@ -16,6 +16,9 @@ struct CtlResult {
 CtlResult runCtl(const std::string &args, const std::string &env = "",
                  const std::string &binary = QUENDRALCTL_PATH);
 
+// Runs a shell command line as it stands, its standard error captured.
+CtlResult runShell(const std::string &command);
+
 // Quotes a path for the shell.
 std::string shellQuote(const std::string &s);
 

@@ -36,7 +36,7 @@ TEST_F(QuendralctlLockFile, OldLockFileNamingAnUnrelatedProcessIsStaleAndThatPro
 
     const CtlResult list = runCtl("list", env);
     EXPECT_EQ(list.status, 0);
-    EXPECT_EQ(list.out, "database  stopped         -  " + home.path() + "/database\n");
+    EXPECT_EQ(list.out, "* database  stopped         -  " + home.path() + "/database\n");
     EXPECT_NE(list.err.find(staleLine), std::string::npos) << list.err;
 
     const CtlResult status = runCtl("status", env);

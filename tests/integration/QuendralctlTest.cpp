@@ -35,8 +35,8 @@ class Quendralctl : public ::testing::Test {
 TEST_F(Quendralctl, ListShowsEveryInstanceSortedWithStatusAndPid) {
     const Result r = ctl("list", env);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "database  stopped         -  " + home.path() + "/database\n" +
-                         "sales     stopped         -  " + home.path() + "/sales\n");
+    EXPECT_EQ(r.out, "* database  stopped         -  " + home.path() + "/database\n" +
+                         "  sales     stopped         -  " + home.path() + "/sales\n");
 }
 
 TEST_F(Quendralctl, JsonListParsesAndNamesTheDefault) {

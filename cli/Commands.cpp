@@ -1,0 +1,324 @@
+#include "Commands.h"
+
+#include "InstanceJson.h"
+#include "LogTail.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <thread>
+#include <unistd.h>
+
+namespace quendralctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How long restart waits for a server to stop when no --wait is given.
+constexpr double kRestartStopSeconds = 30;
+// How many lines of the log follow a start that failed.
+constexpr size_t kFailureLogLines = 10;
+
+Clock::time_point after(double seconds) {
+    return Clock::now() +
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+// Refreshes the instances until each one satisfies `done` or the deadline
+// has passed.
+void waitUntil(const Instances &list, const std::function<bool(const QuendralInstance &)> &done,
+               Clock::time_point deadline) {
+    for (;;) {
+        bool all = true;
+        for (const auto &i : list) {
+            if (done(*i)) continue;
+            i->refresh();
+            all = all && done(*i);
+        }
+        if (all || Clock::now() >= deadline) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+bool is(const QuendralInstance &i, int32_t status) {
+    return i.serverStatus() == status;
+}
+bool settled(const QuendralInstance &i) {
+    return !is(i, ServerStatusStarting) && !is(i, ServerStatusStopping);
+}
+
+// What the user gets for one instance: a line on stdout when it went well,
+// an error line on stderr (then the log's end, for a failed start) when not.
+struct Outcome {
+    explicit Outcome(InstancePtr i) : instance(std::move(i)) {}
+    InstancePtr instance;
+    bool failed = false;
+    std::string error;
+    bool showLog = false;
+};
+
+void fail(Outcome &o, const std::string &what, bool showLog = false) {
+    o.failed = true;
+    o.error = o.instance->displayName() + " " + what;
+    o.showLog = showLog;
+}
+
+// The end of the instance's log, so that a failed start explains itself.
+void printLogEnd(QuendralInstance &i) {
+    const auto path = i.logFile();
+    if (!path) return;
+    const LogTail tail = readLogTail(*path, kFailureLogLines);
+    if (tail.ok) std::cerr << tail.text;
+}
+
+int report(std::vector<Outcome> &outcomes) {
+    int code = Ok;
+    for (Outcome &o : outcomes) {
+        if (o.failed) {
+            std::cerr << "quendralctl: " << o.error << "\n";
+            if (o.showLog) printLogEnd(*o.instance);
+            code = Failed;
+        } else {
+            std::cout << o.instance->displayName() << " " << statusWord(o.instance->serverStatus())
+                      << "\n";
+        }
+    }
+    std::cout.flush();
+    return code;
+}
+
+// The instances a start, stop or restart acts on; false (after saying why)
+// when there is none.
+bool targets(const Instances &all, const Options &o, Instances &out, int &code) {
+    if (o.all) {
+        out = all;
+        return true;
+    }
+    InstancePtr found;
+    if (o.instance.empty()) {
+        found = QuendralManager::defaultInstance(all);
+    } else {
+        // By display name or by directory, compared as bytes: a name that is
+        // not UTF-8 can still be typed or pasted as it is.
+        for (const auto &i : all)
+            if (i->displayName() == o.instance || i->directory() == o.instance) found = i;
+    }
+    if (!found) {
+        code = fail(NoInstance, o.instance.empty() ? "no default instance (give an instance name)"
+                                                   : "no such instance: " + o.instance);
+        return false;
+    }
+    out = {found};
+    return true;
+}
+
+// Starts each stopped instance; with a wait, until it runs, fails or the time
+// is up.
+std::vector<Outcome> startAll(const Instances &list, const Options &o) {
+    if (o.waitGiven)
+        waitUntil(
+            list, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
+            after(o.wait));
+    std::vector<Outcome> outcomes;
+    Instances launched;
+    for (const auto &i : list) {
+        Outcome &out = outcomes.emplace_back(i);
+        if (is(*i, ServerStatusStopping)) {
+            fail(out, "cannot be started while it is stopping");
+        } else if (is(*i, ServerStatusStopped) || is(*i, ServerStatusUnknown)) {
+            if (i->startup())
+                launched.push_back(i);
+            else
+                fail(out, std::string("cannot be started (it is ") + statusWord(i->serverStatus()) +
+                              ")");
+        } else if (is(*i, ServerStatusStarting)) {
+            launched.push_back(i);
+        } else if (!o.all) {
+            // Asked for this one instance, a start that has nothing to do
+            // failed; over --all, one already running is as it should be.
+            fail(out, "cannot be started (it is running)");
+        }
+    }
+    if (o.waitGiven) waitUntil(launched, settled, after(o.wait));
+    for (Outcome &out : outcomes) {
+        if (out.failed ||
+            std::find(launched.begin(), launched.end(), out.instance) == launched.end())
+            continue;
+        if (is(*out.instance, ServerStatusStopped))
+            fail(out, "did not start (stopped)", true);
+        else if (o.waitGiven && is(*out.instance, ServerStatusStarting))
+            fail(out, "did not start within the time given (starting)", true);
+    }
+    return outcomes;
+}
+
+// Stops each running instance; with a wait, until it has stopped or the time
+// is up.
+std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
+    if (o.waitGiven)
+        waitUntil(
+            list, [](const QuendralInstance &i) { return !is(i, ServerStatusStarting); },
+            after(o.wait));
+    std::vector<Outcome> outcomes;
+    Instances stopping;
+    for (const auto &i : list) {
+        Outcome &out = outcomes.emplace_back(i);
+        if (is(*i, ServerStatusStarting)) {
+            fail(out, "cannot be stopped while it is starting");
+        } else if (is(*i, ServerStatusRunning)) {
+            if (i->shutdown())
+                stopping.push_back(i);
+            else
+                fail(out, "cannot be stopped");
+        } else if (is(*i, ServerStatusStopping)) {
+            stopping.push_back(i);
+        } else if (!o.all) {
+            fail(out,
+                 std::string("cannot be stopped (it is ") + statusWord(i->serverStatus()) + ")");
+        }
+    }
+    if (o.waitGiven)
+        waitUntil(
+            stopping, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
+            after(o.wait));
+    for (Outcome &out : outcomes)
+        if (!out.failed && o.waitGiven && !is(*out.instance, ServerStatusStopped))
+            fail(out, std::string("did not stop within the time given (") +
+                          statusWord(out.instance->serverStatus()) + ")");
+    return outcomes;
+}
+
+} // namespace
+
+int fail(int code, const std::string &message) {
+    std::cerr << "quendralctl: " << message << "\n";
+    return code;
+}
+
+int list(const Instances &all, const Options &o) {
+    const InstancePtr def = QuendralManager::defaultInstance(all);
+    if (o.json) {
+        nlohmann::ordered_json out;
+        out["version"] = 1;
+        out["default"] = def ? nlohmann::ordered_json(def->directory()) : nullptr;
+        out["instances"] = nlohmann::ordered_json::array();
+        for (const auto &i : all) out["instances"].push_back(instanceJson(*i));
+        std::cout << dumpJson(out) << "\n";
+        return Ok;
+    }
+    if (o.names) {
+        for (const auto &i : all) std::cout << i->displayName() << "\n";
+        return Ok;
+    }
+    // Names are written as they are, whatever their bytes.
+    size_t width = 4;
+    for (const auto &i : all) width = std::max(width, i->displayName().size());
+    const int w = static_cast<int>(width);
+    // A header for people; scripts reading a pipe get the lines alone.
+    if (isatty(STDOUT_FILENO))
+        std::printf("  %-*s  %-8s  %7s  %s\n", w, "NAME", "STATUS", "PID", "DIRECTORY");
+    for (const auto &i : all) {
+        const std::string pid = i->pid() > 0 ? std::to_string(i->pid()) : "-";
+        std::printf("%c %-*s  %-8s  %7s  %s\n", i == def ? '*' : ' ', w, i->displayName().c_str(),
+                    statusWord(i->serverStatus()), pid.c_str(), i->directory().c_str());
+    }
+    return Ok;
+}
+
+int status(const Instances &all, const Options &o) {
+    Instances one;
+    int code = Ok;
+    if (!targets(all, o, one, code)) return code;
+    QuendralInstance &i = *one.front();
+    if (o.json)
+        std::cout << dumpJson(instanceJson(i)) << "\n";
+    else
+        std::cout << statusWord(i.serverStatus()) << "\n";
+    return is(i, ServerStatusRunning) ? Ok : NotRunning;
+}
+
+int start(const Instances &all, const Options &o) {
+    Instances list;
+    int code = Ok;
+    if (!targets(all, o, list, code)) return code;
+    auto outcomes = startAll(list, o);
+    return report(outcomes);
+}
+
+int stop(const Instances &all, const Options &o) {
+    Instances list;
+    int code = Ok;
+    if (!targets(all, o, list, code)) return code;
+    auto outcomes = stopAll(list, o);
+    return report(outcomes);
+}
+
+int restart(const Instances &all, const Options &o) {
+    Instances list;
+    int code = Ok;
+    if (!targets(all, o, list, code)) return code;
+    // Stop what runs and wait for it to be gone (a server still shutting
+    // down would meet the new one), then start everything.
+    Options stopping = o;
+    stopping.wait = o.waitGiven ? o.wait : kRestartStopSeconds;
+    stopping.waitGiven = true;
+    Instances running;
+    for (const auto &i : list)
+        if (!is(*i, ServerStatusStopped)) running.push_back(i);
+    std::vector<Outcome> outcomes;
+    for (Outcome &out : stopAll(running, stopping))
+        if (out.failed) outcomes.push_back(out);
+    Instances startable;
+    for (const auto &i : list)
+        if (std::none_of(outcomes.begin(), outcomes.end(),
+                         [&](const Outcome &f) { return f.instance == i; }))
+            startable.push_back(i);
+    auto started = startAll(startable, o);
+    // Reported in the listing's order.
+    outcomes.insert(outcomes.end(), started.begin(), started.end());
+    std::vector<Outcome> ordered;
+    for (const auto &i : list)
+        for (const Outcome &out : outcomes)
+            if (out.instance == i) ordered.push_back(out);
+    return report(ordered);
+}
+
+int log(const Instances &all, const Options &o) {
+    Instances one;
+    int code = Ok;
+    if (!targets(all, o, one, code)) return code;
+    QuendralInstance &i = *one.front();
+    const auto path = i.logFile();
+    if (!path) return fail(Failed, i.displayName() + " has no log file");
+    const auto lines = static_cast<size_t>(o.lines);
+    if (o.follow) {
+        std::string error;
+        return followLog(*path, lines, stdout, error) ? Ok : fail(Failed, error);
+    }
+    const LogTail tail = readLogTail(*path, lines);
+    if (!tail.ok) return fail(Failed, tail.error);
+    std::cout << tail.text;
+    return Ok;
+}
+
+int env() {
+    for (const char *var : {"QUENDRAL_HOME", "PATH", "LD_LIBRARY_PATH", "ODBCINI", "ODBCINSTINI"})
+        if (const char *v = std::getenv(var)) std::printf("%s=%s\n", var, v);
+    return Ok;
+}
+
+int completion(const std::string &shell) {
+    const char *script = shell == "bash"   ? kBashCompletion
+                         : shell == "zsh"  ? kZshCompletion
+                         : shell == "fish" ? kFishCompletion
+                                           : nullptr;
+    if (!script) return fail(Usage, "no completion for " + shell + " (bash, zsh or fish)");
+    std::cout << script;
+    return Ok;
+}
+
+} // namespace quendralctl

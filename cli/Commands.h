@@ -1,0 +1,50 @@
+// The verbs of quendralctl, one function each. `main` parses the command
+// line into Options and calls one of them; each returns the exit status.
+#pragma once
+
+#include "QuendralManager.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace quendralctl {
+
+// Exit statuses, numbered after the LSB init-script convention (which pg_ctl
+// follows too), so scripts written for other services read them the same
+// way. A start or stop of one named instance that is already so fails (1);
+// over --all, an instance already so counts as done.
+enum Exit { Ok = 0, Failed = 1, Usage = 2, NotRunning = 3, NoInstance = 4 };
+
+struct Options {
+    std::string instance; // display name or directory; empty: the default
+    bool all = false;     // --all
+    bool json = false;    // --json
+    bool names = false;   // --names
+    double wait = 0;      // --wait SECONDS
+    bool waitGiven = false;
+    long lines = 20; // log -n
+    bool follow = false;
+};
+
+using InstancePtr = std::shared_ptr<QuendralInstance>;
+using Instances = std::vector<InstancePtr>;
+
+int list(const Instances &all, const Options &o);
+int status(const Instances &all, const Options &o);
+int start(const Instances &all, const Options &o);
+int stop(const Instances &all, const Options &o);
+int restart(const Instances &all, const Options &o);
+int log(const Instances &all, const Options &o);
+int env();
+// Prints the completion script for "bash", "zsh" or "fish".
+int completion(const std::string &shell);
+
+// Prints "quendralctl: <message>" on stderr and returns code.
+int fail(int code, const std::string &message);
+
+extern const char *const kBashCompletion;
+extern const char *const kZshCompletion;
+extern const char *const kFishCompletion;
+
+} // namespace quendralctl

@@ -1,0 +1,145 @@
+#include "LogTail.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace quendralctl {
+
+namespace {
+
+constexpr size_t kChunk = 64 << 10;
+
+// Opens a log file for reading: regular files only, never blocking on the
+// open (a FIFO without writer would), and with blocking reads afterwards
+// meaningless for a regular file anyway.
+int openLog(const std::string &path, struct stat &st, std::string &error) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        error = errno == ENOENT ? "there is no log file " + path
+                                : "cannot open " + path + ": " + std::strerror(errno);
+        return -1;
+    }
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        error = path + " is not a regular file";
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool readAt(int fd, off_t offset, size_t size, std::string &into) {
+    into.resize(size);
+    size_t got = 0;
+    while (got < size) {
+        const ssize_t n =
+            pread(fd, into.data() + got, size - got, offset + static_cast<off_t>(got));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+    }
+    into.resize(got);
+    return true;
+}
+
+// The last `lines` lines of an open file of `size` bytes, read backwards in
+// chunks until enough line ends are seen (or kTailReadLimit bytes are read).
+bool tailOf(int fd, off_t size, size_t lines, std::string &text, std::string &error) {
+    text.clear();
+    if (lines == 0 || size == 0) return true;
+    off_t start = size;
+    size_t found = 0;
+    std::string chunk;
+    while (start > 0 && text.size() < kTailReadLimit) {
+        const size_t want = static_cast<size_t>(std::min<off_t>(start, kChunk));
+        start -= static_cast<off_t>(want);
+        if (!readAt(fd, start, want, chunk)) {
+            error = std::strerror(errno);
+            return false;
+        }
+        for (size_t i = chunk.size(); i-- > 0;) {
+            // The file's last byte ends the last line; it begins none.
+            if (chunk[i] != '\n' || start + static_cast<off_t>(i) == size - 1) continue;
+            if (++found == lines) {
+                text.insert(0, chunk, i + 1, std::string::npos);
+                start = 0;
+                break;
+            }
+        }
+        if (start > 0 || found < lines) text.insert(0, chunk);
+    }
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    return true;
+}
+
+bool writeAll(FILE *out, const std::string &s) {
+    return s.empty() ||
+           (std::fwrite(s.data(), 1, s.size(), out) == s.size() && std::fflush(out) == 0);
+}
+
+} // namespace
+
+LogTail readLogTail(const std::string &path, size_t lines) {
+    LogTail r;
+    struct stat st;
+    const int fd = openLog(path, st, r.error);
+    if (fd < 0) return r;
+    r.ok = tailOf(fd, st.st_size, lines, r.text, r.error);
+    close(fd);
+    return r;
+}
+
+bool followLog(const std::string &path, size_t lines, FILE *out, std::string &error) {
+    struct stat st;
+    int fd = openLog(path, st, error);
+    if (fd < 0) return false;
+    std::string text;
+    if (!tailOf(fd, st.st_size, lines, text, error)) {
+        close(fd);
+        return false;
+    }
+    // Without a final '\n' the tail got one added; what follows continues
+    // that line, which is fine for reading.
+    if (!writeAll(out, text)) {
+        close(fd);
+        return true;
+    }
+    off_t offset = st.st_size;
+    std::string chunk;
+    for (;;) {
+        struct stat now;
+        if (fstat(fd, &now) == 0 && now.st_size < offset) offset = 0; // truncated in place
+        while (fstat(fd, &now) == 0 && now.st_size > offset) {
+            const size_t want = static_cast<size_t>(std::min<off_t>(now.st_size - offset, kChunk));
+            if (!readAt(fd, offset, want, chunk) || chunk.empty()) break;
+            offset += static_cast<off_t>(chunk.size());
+            if (!writeAll(out, chunk)) {
+                close(fd);
+                return true;
+            }
+        }
+        // Rotated: the name now stands for another file. What the old one
+        // got last has been read above; go on with the new one from its start.
+        struct stat named;
+        if (stat(path.c_str(), &named) == 0 &&
+            (named.st_ino != st.st_ino || named.st_dev != st.st_dev)) {
+            std::string ignored;
+            const int next = openLog(path, named, ignored);
+            if (next >= 0) {
+                close(fd);
+                fd = next;
+                st = named;
+                offset = 0;
+                continue;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+}
+
+} // namespace quendralctl

@@ -1,0 +1,33 @@
+// Reading an instance's log file from its end, as `quendralctl log` and a
+// failed start show it. Only the tail is ever read: a log may have grown to
+// gigabytes. And, like every read of the monitor, opening it never waits on a
+// FIFO or a device: those are refused at once.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <sys/types.h>
+
+namespace quendralctl {
+
+struct LogTail {
+    bool ok = false;
+    std::string error; // when !ok: why the file cannot be read
+    std::string text;  // the last lines, each ending in '\n' (one is added
+                       // to a last line without)
+};
+
+// The last `lines` lines of the file at `path`, reading at most about
+// kTailReadLimit bytes from its end.
+LogTail readLogTail(const std::string &path, size_t lines);
+
+// Prints the last `lines` lines to `out`, then what is appended, polling,
+// until the process is interrupted. A file replaced by a new one (rotated) is
+// followed on into the new file; one truncated in place is read again from
+// its start. Returns only on an error (false, with `error` set) or when
+// `out` cannot be written.
+bool followLog(const std::string &path, size_t lines, FILE *out, std::string &error);
+
+constexpr size_t kTailReadLimit = 4 << 20;
+
+} // namespace quendralctl

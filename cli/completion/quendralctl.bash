@@ -1,0 +1,60 @@
+# bash completion for quendralctl                             -*- shell-script -*-
+# Verbs, options, and the instance names of the installation in use (taken
+# from `quendralctl list --names` as the line is completed, with --home if
+# one was given).
+
+_quendralctl() {
+    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
+    local verbs="list status start stop restart log env completion"
+    local i verb="" home=()
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case ${COMP_WORDS[i]} in
+        --home)
+            home=(--home "${COMP_WORDS[i + 1]}")
+            ((i++))
+            ;;
+        --home=*) home=("${COMP_WORDS[i]}") ;;
+        -*) ;;
+        *)
+            verb=${COMP_WORDS[i]}
+            break
+            ;;
+        esac
+    done
+
+    COMPREPLY=()
+    if [[ $prev == --home ]]; then
+        mapfile -t COMPREPLY < <(compgen -d -- "$cur")
+        return
+    fi
+    if [[ -z $verb ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$verbs --home --help --version" -- "$cur")
+        return
+    fi
+
+    local opts=""
+    case $verb in
+    list) opts="--json --names" ;;
+    status) opts="--json" ;;
+    start | stop | restart) opts="--all --wait" ;;
+    log) opts="-n -f" ;;
+    completion)
+        mapfile -t COMPREPLY < <(compgen -W "bash zsh fish" -- "$cur")
+        return
+        ;;
+    *) return ;;
+    esac
+    [[ $prev == --wait || $prev == -n ]] && return
+    if [[ $cur == -* || $verb == list ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$opts" -- "$cur")
+        return
+    fi
+
+    # Instance names may hold blanks and quotes: match them as lines and
+    # quote each for the command line.
+    local name
+    while IFS= read -r name; do
+        [[ $name == "$cur"* ]] && COMPREPLY+=("$(printf '%q' "$name")")
+    done < <("${COMP_WORDS[0]}" "${home[@]}" list --names 2>/dev/null)
+}
+complete -F _quendralctl quendralctl
