@@ -27,7 +27,10 @@ for f in usr/bin/quendral-monitor usr/bin/quendralctl \
     usr/share/applications/quendral-monitor.desktop \
     usr/share/icons/hicolor/scalable/apps/quendral-monitor.svg \
     usr/share/quendral-monitor/translations/quendral-monitor_de.qm \
-    usr/share/man/man1/quendralctl.1.gz; do
+    usr/share/man/man1/quendralctl.1.gz \
+    usr/share/bash-completion/completions/quendralctl \
+    usr/share/zsh/vendor-completions/_quendralctl \
+    usr/share/fish/vendor_completions.d/quendralctl.fish; do
     [ -s "$root/fs/$f" ] || fail "missing $f"
 done
 for exe in quendral-monitor quendralctl; do
@@ -53,8 +56,19 @@ printf '[database]\n' >"$home/database/quendral.ini"
 printf '[database]\n' >"$home/sales/quendral.ini"
 listing=$(QUENDRAL_HOME=$home "$ctl" list)
 echo "$listing"
-grep -q "^database  stopped .* $home/database$" <<<"$listing" || fail "list misses database"
-grep -q "^sales     stopped .* $home/sales$" <<<"$listing" || fail "list misses sales"
+grep -q "^\* database  stopped .* $home/database$" <<<"$listing" || fail "list misses database"
+grep -q "^  sales     stopped .* $home/sales$" <<<"$listing" || fail "list misses sales"
+# The installed completion scripts are the ones the program prints.
+for shell in bash zsh fish; do
+    case $shell in
+    bash) f=usr/share/bash-completion/completions/quendralctl ;;
+    zsh) f=usr/share/zsh/vendor-completions/_quendralctl ;;
+    fish) f=usr/share/fish/vendor_completions.d/quendralctl.fish ;;
+    esac
+    "$ctl" completion $shell | cmp -s - "$root/fs/$f" || fail "$f differs from 'completion $shell'"
+done
+bash -c "source '$root/fs/usr/share/bash-completion/completions/quendralctl'" ||
+    fail "the bash completion does not load"
 # The packaged tray starts and keeps running (Qt's offscreen platform).
 QT_QPA_PLATFORM=offscreen DBUS_SESSION_BUS_ADDRESS=disabled: QUENDRAL_HOME=$home \
     XDG_CONFIG_HOME=$root/config "$root/fs/usr/bin/quendral-monitor" >"$root/tray.log" 2>&1 &
