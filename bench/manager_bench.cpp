@@ -74,17 +74,33 @@ int spawnAndWait(const char *path, char *const argv[]) {
     return status;
 }
 
-void BM_QuendralctlList100(benchmark::State &state) {
+// "quendralctl list" over the 100 instances, output to /dev/null.
+void listWith(benchmark::State &state, const char *ctl) {
     setenv("QUENDRAL_HOME", small.c_str(), 1);
     const int devnull = open("/dev/null", O_WRONLY);
     const int saved = dup(1);
     dup2(devnull, 1);
     char *argv[] = {const_cast<char *>("quendralctl"), const_cast<char *>("list"), nullptr};
     for (auto _ : state)
-        if (spawnAndWait(QUENDRALCTL_PATH, argv) != 0) state.SkipWithError("quendralctl failed");
+        if (spawnAndWait(ctl, argv) != 0) state.SkipWithError("quendralctl failed");
     dup2(saved, 1);
     close(saved);
     close(devnull);
+}
+
+void BM_QuendralctlList100(benchmark::State &state) {
+    listWith(state, QUENDRALCTL_PATH);
+}
+
+// Another build of the tool (QM_CTL_BASELINE), say that of an earlier
+// version, measured in the same run to compare against.
+void BM_QuendralctlList100Baseline(benchmark::State &state) {
+    const char *baseline = std::getenv("QM_CTL_BASELINE");
+    if (!baseline) {
+        state.SkipWithError("QM_CTL_BASELINE not set");
+        return;
+    }
+    listWith(state, baseline);
 }
 
 void BM_ProcessFloor(benchmark::State &state) {
@@ -95,6 +111,7 @@ void BM_ProcessFloor(benchmark::State &state) {
 BENCHMARK(BM_AllInstances1000)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ScanFloor1000)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_QuendralctlList100)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_QuendralctlList100Baseline)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ProcessFloor)->Repetitions(5)->ReportAggregatesOnly(true);
 
 } // namespace
@@ -126,5 +143,13 @@ int main(int argc, char **argv) {
     if (ctl > 0 && proc > 0)
         bench::printRatio("quendralctl list (100 instances) vs an empty process", ctl / proc, 0,
                           false);
+    const double base = reporter.secondsPerIteration("BM_QuendralctlList100Baseline");
+    if (base > 0 && proc > 0) {
+        std::printf("  baseline quendralctl (%s) list over 100: %.2f ms\n",
+                    std::getenv("QM_CTL_BASELINE"), base * 1e3);
+        bench::printRatio("baseline quendralctl list (100 instances) vs an empty process",
+                          base / proc, 0, false);
+        bench::printRatio("quendralctl list vs the baseline's", ctl / base, 0, false);
+    }
     return ok ? 0 : 1;
 }

@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <string_view>
 #include <vector>
 
 namespace quendral::path {
@@ -42,12 +43,15 @@ std::string standardize(const std::string &input) {
     if (!p.empty() && p[0] == '~' && (p.size() == 1 || p[1] == '/'))
         p = homeDirectory() + p.substr(1);
     const bool absolute = isAbsolute(p);
-    std::vector<std::string> parts;
+    // Components are views into p: this runs for every instance at every
+    // scan, and copying each component cost more than the rest.
+    std::vector<std::string_view> parts;
+    const std::string_view whole(p);
     size_t i = 0;
-    while (i <= p.size()) {
-        size_t j = p.find('/', i);
-        if (j == std::string::npos) j = p.size();
-        std::string part = p.substr(i, j - i);
+    while (i <= whole.size()) {
+        size_t j = whole.find('/', i);
+        if (j == std::string_view::npos) j = whole.size();
+        const std::string_view part = whole.substr(i, j - i);
         if (part.empty() || part == ".") {
         } else if (part == "..") {
             if (!parts.empty() && parts.back() != "..")
@@ -59,7 +63,9 @@ std::string standardize(const std::string &input) {
         }
         i = j + 1;
     }
-    std::string out = absolute ? "/" : "";
+    std::string out;
+    out.reserve(p.size() + 1);
+    if (absolute) out.push_back('/');
     for (size_t k = 0; k < parts.size(); k++) {
         if (k) out += '/';
         out += parts[k];
