@@ -259,38 +259,38 @@ int status(const Instances &all, const Options &o) {
 }
 
 int start(const Instances &all, const Options &o) {
-    Instances list;
+    Instances chosen;
     int code = Ok;
-    if (!targets(all, o, list, code)) return code;
-    auto outcomes = startAll(list, o);
+    if (!targets(all, o, chosen, code)) return code;
+    auto outcomes = startAll(chosen, o);
     return report(outcomes);
 }
 
 int stop(const Instances &all, const Options &o) {
-    Instances list;
+    Instances chosen;
     int code = Ok;
-    if (!targets(all, o, list, code)) return code;
-    auto outcomes = stopAll(list, o);
+    if (!targets(all, o, chosen, code)) return code;
+    auto outcomes = stopAll(chosen, o);
     return report(outcomes);
 }
 
 int restart(const Instances &all, const Options &o) {
-    Instances list;
+    Instances chosen;
     int code = Ok;
-    if (!targets(all, o, list, code)) return code;
+    if (!targets(all, o, chosen, code)) return code;
     // Stop what runs and wait for it to be gone (a server still shutting
     // down would meet the new one), then start everything.
     Options stopping = o;
     stopping.wait = o.waitGiven ? o.wait : kRestartStopSeconds;
     stopping.waitGiven = true;
     Instances running;
-    for (const auto &i : list)
+    for (const auto &i : chosen)
         if (!is(*i, ServerStatusStopped)) running.push_back(i);
     std::vector<Outcome> outcomes;
     for (Outcome &out : stopAll(running, stopping))
         if (out.failed) outcomes.push_back(out);
     Instances startable;
-    for (const auto &i : list)
+    for (const auto &i : chosen)
         if (std::none_of(outcomes.begin(), outcomes.end(),
                          [&](const Outcome &f) { return f.instance == i; }))
             startable.push_back(i);
@@ -298,7 +298,7 @@ int restart(const Instances &all, const Options &o) {
     // Reported in the listing's order.
     outcomes.insert(outcomes.end(), started.begin(), started.end());
     std::vector<Outcome> ordered;
-    for (const auto &i : list)
+    for (const auto &i : chosen)
         for (const Outcome &out : outcomes)
             if (out.instance == i) ordered.push_back(out);
     return report(ordered);
