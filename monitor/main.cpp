@@ -3,11 +3,12 @@
 #include "Application.h"
 #include "Environment.h"
 #include "Log.h"
+#include "Translations.h"
+#include "TrayIcon.h"
 
 #include <QApplication>
-#include <QLibraryInfo>
+#include <QIcon>
 #include <QLocale>
-#include <QTranslator>
 
 int main(int argc, char **argv) {
     quendral::setLogIdent("quendral-monitor");
@@ -16,24 +17,15 @@ int main(int argc, char **argv) {
     app.setApplicationDisplayName(QStringLiteral("Quendral Monitor"));
     // The alert is the only window; closing it must not end the monitor.
     app.setQuitOnLastWindowClosed(false);
+    // So that the alert carries the monitor's identity: desktops take the
+    // window's icon, task bar entry and name from these.
+    QGuiApplication::setDesktopFileName(QStringLiteral("quendral-monitor"));
+    QApplication::setWindowIcon(
+        QIcon::fromTheme(QStringLiteral("quendral-monitor"), quendral::makeTrayIcon()));
 
-    // Translations installed beside the program take precedence over the
-    // ones built in, so a new or corrected one needs no rebuild.
     const std::string bundle = quendral::defaultBundlePath();
-    QTranslator translator;
-    for (const QString &dir :
-         {QString::fromStdString(bundle + "/share/quendral-monitor/translations"),
-          QStringLiteral(":/i18n")}) {
-        if (translator.load(QLocale(), QStringLiteral("quendral-monitor"), QStringLiteral("_"),
-                            dir)) {
-            app.installTranslator(&translator);
-            break;
-        }
-    }
-    QTranslator qtTranslator; // Qt's own texts in the alert, where shipped
-    if (qtTranslator.load(QLocale(), QStringLiteral("qtbase"), QStringLiteral("_"),
-                          QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
-        app.installTranslator(&qtTranslator);
+    quendral::installTranslations(
+        app, QLocale(), QString::fromStdString(bundle + "/share/quendral-monitor/translations"));
 
     {
         Application delegate(bundle);

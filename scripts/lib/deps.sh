@@ -3,20 +3,21 @@
 # prints the one apt-get line that would and stops.
 
 # Packages every build needs.
-QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev
+QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev librsvg2-bin
     qt6-base-dev qt6-tools-dev qt6-l10n-tools qt6-tools-dev-tools libgl-dev fonts-dejavu-core)
 # A tray host on a virtual display: the end-to-end test and the headless
 # preview of scripts/run.
 QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
 # The test suite and its oracles.
 QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils dex
-    zsh fish
+    zsh fish fonts-wqy-microhei
     dbus-bin dbus-daemon libglib2.0-bin haskell-status-notifier-item-utils
     "${QM_PKGS_DISPLAY[@]}")
 # Static analysis.
 QM_PKGS_LINT=(clang-tidy cppcheck)
-# Building the Debian package (dpkg-shlibdeps finds its dependencies).
-QM_PKGS_PACKAGE=(dpkg-dev file)
+# Building the packages (dpkg-shlibdeps and rpmbuild find their dependencies)
+# and checking them against the distributions' rules.
+QM_PKGS_PACKAGE=(dpkg-dev file rpm rpm2cpio cpio lintian appstream)
 # Benchmarks and their comparison peers.
 QM_PKGS_BENCH=(libbenchmark-dev libinih-dev libssl-dev)
 

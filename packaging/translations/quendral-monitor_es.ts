@@ -1,0 +1,95 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="es_ES" sourcelanguage="en">
+<context>
+    <name>Quendral</name>
+    <message>
+        <source>Default Instance</source>
+        <translation>instancia predeterminada</translation>
+    </message>
+    <message>
+        <source>Instance &apos;%@&apos;</source>
+        <translation>instancia «%@»</translation>
+    </message>
+    <message>
+        <source>Start %@</source>
+        <translation>Iniciar la %@</translation>
+    </message>
+    <message>
+        <source>%@: Starting</source>
+        <translation>Iniciando la %@…</translation>
+    </message>
+    <message>
+        <source>Stop %@</source>
+        <translation>Detener la %@</translation>
+    </message>
+    <message>
+        <source>%@: Stopping</source>
+        <translation>Deteniendo la %@…</translation>
+    </message>
+    <message>
+        <source>%@: Unknown</source>
+        <translation>Estado desconocido de la %@</translation>
+    </message>
+    <message>
+        <source>No Quendral Instances</source>
+        <translation>No hay instancias de Quendral</translation>
+    </message>
+    <message>
+        <source>Open Diagnostic Messages</source>
+        <translation>Abrir los mensajes de diagnóstico</translation>
+    </message>
+    <message>
+        <source>Open Quendral Dravinter</source>
+        <translation>Abrir Quendral Dravinter</translation>
+    </message>
+    <message>
+        <source>View Online Documentation</source>
+        <translation>Ver la documentación en línea</translation>
+    </message>
+    <message>
+        <source>Start Quendral Monitor at Login</source>
+        <translation>Iniciar Quendral Monitor al iniciar sesión</translation>
+    </message>
+    <message>
+        <source>Quit Quendral Monitor</source>
+        <translation>Salir de Quendral Monitor</translation>
+    </message>
+    <message>
+        <source>Tarnwick Quendral</source>
+        <translation>Tarnwick Quendral</translation>
+    </message>
+    <message>
+        <source>Do you want to start the %@?</source>
+        <translation>¿Desea iniciar la %@?</translation>
+    </message>
+    <message>
+        <source>Do you want to stop the %@?</source>
+        <translation>¿Desea detener la %@?</translation>
+    </message>
+    <message>
+        <source>This will start up a Quendral instance in directory
+%@.</source>
+        <translation>Se iniciará una instancia de Quendral en el directorio
+%@.</translation>
+    </message>
+    <message>
+        <source>This will stop the Quendral instance in directory
+%@.</source>
+        <translation>Se detendrá la instancia de Quendral del directorio
+%@.</translation>
+    </message>
+    <message>
+        <source>Start</source>
+        <translation>Iniciar</translation>
+    </message>
+    <message>
+        <source>Stop</source>
+        <translation>Detener</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Cancelar</translation>
+    </message>
+</context>
+</TS>
