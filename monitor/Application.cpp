@@ -8,14 +8,16 @@
 
 #include <QCoreApplication>
 #include <QCursor>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusServiceWatcher>
+#include <QDBusVariant>
 #include <QDateTime>
 #include <QDesktopServices>
+#include <QGuiApplication>
 #include <QLabel>
-#include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QSystemTrayIcon>
-#include <QTimer>
 #include <QUrl>
 
 namespace {
@@ -32,6 +34,25 @@ QString format(const char *english, const std::string &arg) {
         quendral::fillPlaceholders(quendral::localizedString(english), {arg}));
 }
 
+const QString kWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
+
+// Whether a StatusNotifierItem host (a panel that draws tray items from
+// D-Bus) has registered with the session's watcher.
+bool statusNotifierHostRegistered(QDBusConnection &bus) {
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        kWatcherService, kWatcherPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+        QStringLiteral("Get"));
+    get << kWatcherService << QStringLiteral("IsStatusNotifierHostRegistered");
+    const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
+    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
+           qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant().toBool();
+}
+
+qint64 now() {
+    return QDateTime::currentMSecsSinceEpoch();
+}
+
 } // namespace
 
 InstanceAction::InstanceAction(std::shared_ptr<QuendralInstance> instance, QObject *parent)
@@ -41,15 +62,11 @@ Application::Application(std::string bundlePath) : _bundlePath(std::move(bundleP
     quendral::setTranslator([](const std::string &key) {
         return QCoreApplication::translate("Quendral", key.c_str()).toStdString();
     });
+    _menuUpdateTimer.setInterval(500);
+    connect(&_menuUpdateTimer, &QTimer::timeout, this, &Application::menuTimerFired);
 }
 
 Application::~Application() {
-    // Released in the order the fields are declared, the manager first.
-    _manager.reset();
-    delete _statusItem;
-    delete _menuUpdateTimer;
-    _defaultInstance.reset();
-    delete _menu;
     quendral::setTranslator({});
 }
 
@@ -75,7 +92,7 @@ QString Application::itemText(const QString &shown) const {
 bool Application::hostDrawsMenu() const {
     // A StatusNotifierItem host draws the menu from the description Qt
     // exports over D-Bus; Qt then gives the menu a platform counterpart.
-    return _menu && _menu->platformMenu();
+    return _statusItem && _menu && _menu->platformMenu();
 }
 
 QString Application::shownText(const QAction *action) {
@@ -88,24 +105,76 @@ void Application::applicationDidFinishLaunching() {
     _psn = QCoreApplication::applicationPid();
     _manager = std::make_unique<QuendralManager>();
     setupGlobalEnvironment();
+    createMenu();
 
-    _statusItem = new QSystemTrayIcon();
+    // Qt decides once, when the icon is made, whether a D-Bus host
+    // (StatusNotifierItem) or an X11 tray (XEmbed) shows it. X11 trays take
+    // the icon whenever they appear, so there it is made at once; elsewhere
+    // (Wayland) only a D-Bus host can show it, and the icon waits for one,
+    // as at login, when the monitor may start before the panel.
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    const bool x11 = QGuiApplication::platformName() == QLatin1String("xcb");
+    if (bus.isConnected()) {
+        // A watcher that appears, or comes back with a restarted panel, and
+        // a host that registers with it.
+        auto *watcher = new QDBusServiceWatcher(kWatcherService, bus,
+                                                QDBusServiceWatcher::WatchForRegistration, this);
+        connect(watcher, &QDBusServiceWatcher::serviceRegistered, this,
+                &Application::trayHostChanged);
+        bus.connect(kWatcherService, kWatcherPath, kWatcherService,
+                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(trayHostChanged()));
+    }
+    if (x11 || !bus.isConnected() || statusNotifierHostRegistered(bus)) createStatusItem();
+    if (x11 || QGuiApplication::platformName() == QLatin1String("wayland"))
+        QTimer::singleShot(kNoTrayNoticeMs, this, &Application::noticeMissingTray);
+}
+
+void Application::createStatusItem() {
+    if (_statusItem) return;
+    _statusItem = std::make_unique<QSystemTrayIcon>();
     _statusItem->setIcon(quendral::makeTrayIcon());
-    _statusItem->setContextMenu(createMenu());
+    _statusItem->setContextMenu(_menu.get());
     // Some tray hosts show an empty menu for good if it had no items when
     // the icon was registered (at show(), below), so it is filled once now,
     // after it was handed over, so the texts suit whoever draws it.
     menuWillOpen();
     menuDidClose();
     _statusItem->setToolTip(text("Tarnwick Quendral"));
-    // A left click opens the menu too, as it does on other desktops' status
-    // items.
-    connect(_statusItem, &QSystemTrayIcon::activated, this,
+    // A left click opens the menu Qt draws, as on other desktops' status
+    // items. Where the host draws the menu it shows it on a right click; a
+    // menu of Qt's own would be drawn apart from the host's (and, on
+    // Wayland, as a window of its own), so a left click does nothing there.
+    connect(_statusItem.get(), &QSystemTrayIcon::activated, this,
             [this](QSystemTrayIcon::ActivationReason reason) {
-                if (reason == QSystemTrayIcon::Trigger && !_menu->isVisible())
+                if (reason == QSystemTrayIcon::Trigger && !hostDrawsMenu() && !_menu->isVisible())
                     _menu->popup(QCursor::pos());
             });
     _statusItem->show();
+}
+
+void Application::trayHostChanged() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!_statusItem) {
+        if (statusNotifierHostRegistered(bus)) createStatusItem();
+        return;
+    }
+    // A new watcher (the panel restarted) knows nothing of the item: it
+    // registers again. A host joining the same watcher already sees it.
+    if (hostDrawsMenu() && sender() != nullptr &&
+        qobject_cast<QDBusServiceWatcher *>(sender()) != nullptr) {
+        _statusItem->hide();
+        _statusItem->show();
+    }
+}
+
+void Application::noticeMissingTray() {
+    if (_trayNoticeGiven) return;
+    if (_statusItem && (hostDrawsMenu() || QSystemTrayIcon::isSystemTrayAvailable())) return;
+    _trayNoticeGiven = true;
+    quendral::logMessage(
+        "No system tray found; the monitor waits for one. On GNOME install the AppIndicator "
+        "extension (gnome-shell-extension-appindicator); elsewhere a panel with a system tray "
+        "or status notifier area");
 }
 
 void Application::setupGlobalEnvironment() {
@@ -115,11 +184,41 @@ void Application::setupGlobalEnvironment() {
 // --- the menu -------------------------------------------------------------
 
 QMenu *Application::createMenu() {
-    delete _menu; // made once at launch; a second call replaces it
-    _menu = new QMenu();
-    connect(_menu, &QMenu::aboutToShow, this, &Application::menuWillOpen);
-    connect(_menu, &QMenu::aboutToHide, this, &Application::menuDidClose);
-    return _menu;
+    _menu = std::make_unique<QMenu>();
+    connect(_menu.get(), &QMenu::aboutToShow, this, &Application::menuWillOpen);
+    connect(_menu.get(), &QMenu::aboutToHide, this, [this] {
+        // A host that says the menu closed will say it again.
+        if (hostDrawsMenu() && _menuUpdateTimer.isActive()) _hostReportsClosing = true;
+        menuDidClose();
+    });
+    // Pointing at an item shows the menu is still open where the host
+    // tells nothing else.
+    connect(_menu.get(), &QMenu::hovered, this, [this] { _menuOpenedAt = now(); });
+
+    // The fixed items are made once; an opening changes only their state,
+    // so that a host drawing the menu is not sent a new layout each time.
+    _noInstances = new QAction(itemText(text("No Quendral Instances")), _menu.get());
+    _noInstances->setEnabled(false);
+    _instancesEnd = _menu->addSeparator();
+    _logItem = addGeneralItem("Open Diagnostic Messages", false);
+    connect(_logItem, &QAction::triggered, this, &Application::viewLogFile);
+    _dravinterItem = addGeneralItem("Open Quendral Dravinter", false);
+    connect(_dravinterItem, &QAction::triggered, this, &Application::launchDravinter);
+    QAction *docs = addGeneralItem("View Online Documentation", true);
+    connect(docs, &QAction::triggered, this, &Application::onlineDocumentation);
+    _menu->addSeparator();
+    _loginItem = addGeneralItem("Start Quendral Monitor at Login", true);
+    _loginItem->setCheckable(true);
+    connect(_loginItem, &QAction::triggered, this, [this](bool checked) {
+        // Qt flips a checkable item before it reports the choice; the action
+        // reads the state the user saw.
+        _loginItem->setChecked(!checked);
+        toggleStartAtLogin(_loginItem);
+    });
+    QAction *quit = addGeneralItem("Quit Quendral Monitor", true);
+    quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+    connect(quit, &QAction::triggered, qApp, &QCoreApplication::quit);
+    return _menu.get();
 }
 
 QAction *Application::addGeneralItem(const char *title, bool enabled) {
@@ -128,79 +227,81 @@ QAction *Application::addGeneralItem(const char *title, bool enabled) {
     return item;
 }
 
+QList<InstanceAction *> Application::instanceItems() const {
+    QList<InstanceAction *> items;
+    for (QAction *action : _menu->actions())
+        if (auto *item = qobject_cast<InstanceAction *>(action)) items.append(item);
+    return items;
+}
+
+void Application::syncInstanceItems(
+    const std::vector<std::shared_ptr<QuendralInstance>> &instances) {
+    // Items of instances that are gone go; the rest stay, in the manager's
+    // order, which is also the order they were added in.
+    for (InstanceAction *item : instanceItems()) {
+        if (std::find(instances.begin(), instances.end(), item->representedObject()) ==
+            instances.end())
+            delete item;
+    }
+    const QList<InstanceAction *> kept = instanceItems();
+    qsizetype next = 0;
+    for (const auto &instance : instances) {
+        if (next < kept.size() && kept[next]->representedObject() == instance) {
+            updateMenuItem(kept[next++], *instance);
+            continue;
+        }
+        auto *item = new InstanceAction(instance, _menu.get());
+        updateMenuItem(item, *instance);
+        connect(item, &QAction::triggered, this, [this, item] {
+            if (item->kind() == InstanceAction::Kind::Start) startInstance(item);
+            if (item->kind() == InstanceAction::Kind::Stop) stopInstance(item);
+        });
+        _menu->insertAction(next < kept.size() ? kept[next] : _instancesEnd, item);
+    }
+    const bool none = instances.empty();
+    const bool shown = _menu->actions().contains(_noInstances);
+    if (none && !shown) _menu->insertAction(_instancesEnd, _noInstances);
+    if (!none && shown) _menu->removeAction(_noInstances);
+}
+
 void Application::menuWillOpen() {
     if (_inModalDialog) return;
     if (!_manager) return; // not launched yet
     const auto instances = _manager->allInstances();
-    _menu->clear();
-
+    syncInstanceItems(instances);
     if (!instances.empty()) {
-        for (const auto &instance : instances) {
-            auto *item = new InstanceAction(instance, _menu);
-            updateMenuItem(item, *instance);
-            connect(item, &QAction::triggered, this, [this, item] {
-                if (item->kind() == InstanceAction::Kind::Start) startInstance(item);
-                if (item->kind() == InstanceAction::Kind::Stop) stopInstance(item);
-            });
-            _menu->addAction(item);
-        }
-        // A timer left from an opening that was never closed is stopped
-        // here: nothing may keep polling once the menu is gone.
-        delete _menuUpdateTimer;
-        _menuUpdateTimer = new QTimer(this);
-        _menuUpdateTimer->setInterval(500);
-        connect(_menuUpdateTimer, &QTimer::timeout, this, &Application::menuTimerFired);
-        _menuUpdateTimer->start();
-        _menuOpenedAt = QDateTime::currentMSecsSinceEpoch();
-    } else {
-        addGeneralItem("No Quendral Instances", false);
+        // Also when a host reports two openings without a close between.
+        _menuUpdateTimer.start();
+        _menuOpenedAt = now();
     }
     _defaultInstance = QuendralManager::defaultInstance(instances);
-
-    _menu->addSeparator();
-    QAction *log = addGeneralItem("Open Diagnostic Messages",
-                                  _defaultInstance && _defaultInstance->logFile().has_value());
-    connect(log, &QAction::triggered, this, &Application::viewLogFile);
-    QAction *dravinter =
-        addGeneralItem("Open Quendral Dravinter",
-                       _defaultInstance && _defaultInstance->serverStatus() == ServerStatusRunning);
-    connect(dravinter, &QAction::triggered, this, &Application::launchDravinter);
-    QAction *docs = addGeneralItem("View Online Documentation", true);
-    connect(docs, &QAction::triggered, this, &Application::onlineDocumentation);
-    _menu->addSeparator();
-    QAction *login = addGeneralItem("Start Quendral Monitor at Login", true);
-    login->setCheckable(true);
-    login->setChecked(willStartAtLogin(applicationUrl()));
-    connect(login, &QAction::triggered, this, [this, login](bool checked) {
-        // Qt flips a checkable item before it reports the choice; the action
-        // reads the state the user saw.
-        login->setChecked(!checked);
-        toggleStartAtLogin(login);
-    });
-    QAction *quit = addGeneralItem("Quit Quendral Monitor", true);
-    quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
-    connect(quit, &QAction::triggered, qApp, &QCoreApplication::quit);
+    _logItem->setEnabled(_defaultInstance && _defaultInstance->logFile().has_value());
+    _dravinterItem->setEnabled(_defaultInstance &&
+                               _defaultInstance->serverStatus() == ServerStatusRunning);
+    _loginItem->setChecked(willStartAtLogin(applicationUrl()));
 }
 
 void Application::menuDidClose() {
-    delete _menuUpdateTimer;
-    _menuUpdateTimer = nullptr;
+    _menuUpdateTimer.stop();
 }
 
 void Application::menuTimerFired() {
-    // Tray hosts that draw the menu themselves may never say it closed: for
-    // those a time limit ends the refresh. A menu Qt draws is closed exactly
-    // when it is no longer visible, and refreshes for as long as it is open.
-    const bool closed =
-        hostDrawsMenu() ? QDateTime::currentMSecsSinceEpoch() - _menuOpenedAt > kMenuRefreshLimitMs
-                        : !_menu->isVisible();
+    // A menu Qt draws is closed exactly when it is no longer visible. Tray
+    // hosts that draw the menu themselves say when it opens, but some never
+    // say that it closed: those get a short time after the opening (or the
+    // last pointing at an item), the others a long one should the message
+    // be lost.
+    bool closed;
+    if (hostDrawsMenu())
+        closed = now() - _menuOpenedAt >
+                 (_hostReportsClosing ? kMenuRefreshLimitMs : kSilentHostRefreshMs);
+    else
+        closed = !_menu->isVisible();
     if (closed) {
         menuDidClose();
         return;
     }
-    for (QAction *action : _menu->actions()) {
-        auto *item = qobject_cast<InstanceAction *>(action);
-        if (!item) continue;
+    for (InstanceAction *item : instanceItems()) {
         item->representedObject()->refresh();
         updateMenuItem(item, *item->representedObject());
     }

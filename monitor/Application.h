@@ -7,15 +7,15 @@
 #include "QuendralManager.h"
 
 #include <QAction>
+#include <QMenu>
 #include <QObject>
+#include <QSystemTrayIcon>
+#include <QTimer>
 
 #include <memory>
 #include <string>
 
-class QMenu;
 class QMessageBox;
-class QSystemTrayIcon;
-class QTimer;
 
 // A menu item standing for one instance; it keeps its instance alive for as
 // long as the item lives, and remembers which action it currently runs.
@@ -38,9 +38,15 @@ class Application : public QObject {
   public:
     static constexpr const char *kDravinterUrl = "http://localhost:8890/dravinter/";
     static constexpr const char *kDocumentationUrl = "http://docs.tarnwick.com/quendral/";
-    // A tray host that never reports the menu's closing must not keep the
-    // refresh running forever.
+    // A tray host that draws the menu and has said before that a menu
+    // closed is trusted to say so again; this only bounds the refresh should
+    // the message be lost.
     static constexpr int kMenuRefreshLimitMs = 120000;
+    // A host that has never said so (some never do) gets this long after
+    // the opening, or after the pointer last moved over an item.
+    static constexpr int kSilentHostRefreshMs = 10000;
+    // How long the monitor waits for a tray before it says there is none.
+    static constexpr int kNoTrayNoticeMs = 10000;
 
     // bundlePath is where the fallback installation "Contents/quendral" is
     // looked for (the installation prefix above bin/ by default).
@@ -50,6 +56,9 @@ class Application : public QObject {
     void openUrl(const QString &url);
     bool confirm(const std::shared_ptr<QuendralInstance> &instance, bool start);
     QMenu *createMenu();
+    // Makes the tray icon, now or, where none can show it yet, once a tray
+    // host appears.
+    void createStatusItem();
     void updateMenuItem(InstanceAction *item, const QuendralInstance &instance);
     Q_INVOKABLE void applicationDidFinishLaunching();
     void setupGlobalEnvironment();
@@ -60,9 +69,10 @@ class Application : public QObject {
     static void setStartAtLogin(const std::string &url, bool enabled);
 
     // For the tests and the tray glue.
-    QMenu *menu() const { return _menu; }
-    QSystemTrayIcon *statusItem() const { return _statusItem; }
-    QTimer *menuUpdateTimer() const { return _menuUpdateTimer; }
+    QMenu *menu() const { return _menu.get(); }
+    QSystemTrayIcon *statusItem() const { return _statusItem.get(); }
+    // Runs exactly while the menu is open.
+    QTimer *menuUpdateTimer() { return &_menuUpdateTimer; }
     bool inModalDialog() const { return _inModalDialog; }
     const std::shared_ptr<QuendralInstance> &defaultInstance() const { return _defaultInstance; }
     QuendralManager &manager() { return *_manager; }
@@ -88,20 +98,37 @@ class Application : public QObject {
 
   private slots:
     void bringAlertToFront();
+    void trayHostChanged();
+    void noticeMissingTray();
 
   private:
     bool hostDrawsMenu() const;
     QAction *addGeneralItem(const char *title, bool enabled);
+    // The instance items as the instances are now, changing only what
+    // differs, so a host that draws the menu sees few updates.
+    void syncInstanceItems(const std::vector<std::shared_ptr<QuendralInstance>> &instances);
+    QList<InstanceAction *> instanceItems() const;
 
     std::unique_ptr<QuendralManager> _manager;
-    QSystemTrayIcon *_statusItem = nullptr;
+    // The menu outlives the icon that shows it (members go in reverse order).
+    std::unique_ptr<QMenu> _menu;
+    std::unique_ptr<QSystemTrayIcon> _statusItem;
     qint64 _psn = 0; // our own process, brought to the front for an alert
-    QTimer *_menuUpdateTimer = nullptr;
+    QTimer _menuUpdateTimer;
     bool _inModalDialog = false;
     std::shared_ptr<QuendralInstance> _defaultInstance;
 
     std::string _bundlePath;
-    QMenu *_menu = nullptr;
     QMessageBox *_alert = nullptr; // set only while confirm() runs
+    // When the refresh must stop if no host says the menu closed.
     qint64 _menuOpenedAt = 0;
+    bool _hostReportsClosing = false;
+    bool _trayNoticeGiven = false;
+
+    // The menu's fixed items, made once.
+    QAction *_noInstances = nullptr;
+    QAction *_instancesEnd = nullptr; // the separator after the instances
+    QAction *_logItem = nullptr;
+    QAction *_dravinterItem = nullptr;
+    QAction *_loginItem = nullptr;
 };

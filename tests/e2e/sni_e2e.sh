@@ -37,7 +37,8 @@ printf '[database]\n' >"$inst/quendral.ini"
 
 qm_start_xvfb "$work/xvfb.log" || fail "Xvfb did not start" # for the alert
 status-notifier-watcher >"$work/watcher.log" 2>&1 &
-qm_pids+=($!)
+watcher_pid=$!
+qm_pids+=($watcher_pid)
 watcher_up() { gdbus introspect --session --dest org.kde.StatusNotifierWatcher \
     --object-path /StatusNotifierWatcher >/dev/null 2>&1; }
 qm_until 10 watcher_up || fail "no StatusNotifierWatcher"
@@ -94,6 +95,31 @@ actual=$(items | cut -d' ' -f2-)
 $actual"
 echo "menu exported with the labels a host shows as the texts given"
 
+# An opening that finds everything as it was sends the host no new layout:
+# a burst of them made lxqt-panel close the menu it had just opened.
+gdbus monitor --session --dest "$item" >"$work/signals.log" 2>&1 &
+qm_pids+=($!)
+sleep 0.5
+for round in 1 2 3; do
+    menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
+    event 0 opened
+    sleep 0.2
+    event 0 closed
+done
+sleep 0.5
+updates=$(grep -c 'LayoutUpdated' "$work/signals.log" || true)
+[ "$updates" -eq 0 ] || fail "three openings sent $updates layout updates"
+echo "openings send no layout updates"
+
+# A left click (Activate) opens no menu of Qt's own beside the host's.
+gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
+    --method org.kde.StatusNotifierItem.Activate 10 10 >/dev/null
+sleep 1
+if xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1; then
+    fail "a left click showed a window"
+fi
+echo "left click shows no menu of its own"
+
 # Opened: the menu follows a server started meanwhile.
 menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
 event 0 opened
@@ -102,7 +128,8 @@ follows() { [ "$(label_of 0)" = "Stop Instance 'R_&D__x'" ]; }
 qm_until 3 follows || fail "the open menu did not follow the start: $(label_of 0)"
 echo "open menu follows the server"
 
-# Closed: no refresh until the next opening.
+# Closed: no refresh until the next opening. (This host has said "closed"
+# before, so the monitor trusts it.)
 event 0 closed
 "$ctl" stop "$inst" --wait 10 >/dev/null || fail "quendralctl stop"
 sleep 1.5
@@ -122,6 +149,18 @@ xdotool key Return
 qm_until 10 test -s "$inst/quendral.lck" || fail "Return in the alert did not start the server"
 echo "clicked item and Return started the server"
 
+# The main thread's wakeups over a few seconds.
+wakeups() {
+    local before after
+    before=$(grep -E '^(voluntary|nonvoluntary)_ctxt_switches' "/proc/$monitor_pid/task/$monitor_pid/status" |
+        awk '{ n += $2 } END { print n }')
+    sleep "$1"
+    after=$(grep -E '^(voluntary|nonvoluntary)_ctxt_switches' "/proc/$monitor_pid/task/$monitor_pid/status" |
+        awk '{ n += $2 } END { print n }')
+    echo $((after - before))
+}
+echo "idle with the menu closed: $(wakeups 3) wakeups in 3 s"
+
 # Quit: exit 0, the server keeps running.
 event "$(id_of 7)" clicked
 status=0
@@ -129,3 +168,53 @@ wait "$monitor_pid" || status=$?
 [ "$status" -eq 0 ] || fail "quit exited with $status"
 "$ctl" status "$inst" >/dev/null || fail "quitting stopped the server"
 echo "quit exited 0; the server runs on"
+
+# A monitor started before any tray host (as at login) on Wayland, which has
+# no X11 trays: it registers once a watcher and a host appear, and again when
+# the watcher is replaced. A headless weston is the Wayland display.
+# No watcher yet: the first one goes (the first monitor has quit).
+kill "$watcher_pid"
+wait "$watcher_pid" 2>/dev/null || true
+watcher_gone() { ! watcher_up; }
+qm_until 10 watcher_gone || fail "the first watcher did not go"
+export XDG_RUNTIME_DIR=$work/runtime
+mkdir -m 700 "$XDG_RUNTIME_DIR"
+weston --backend=headless-backend.so --socket=qm-wayland --idle-time=0 >"$work/weston.log" 2>&1 &
+qm_pids+=($!)
+qm_until 10 test -S "$XDG_RUNTIME_DIR/qm-wayland" || fail "weston did not start"
+WAYLAND_DISPLAY=qm-wayland QT_QPA_PLATFORM=wayland "$monitor" >"$work/monitor.log" 2>&1 &
+monitor_pid=$!
+qm_pids+=($monitor_pid)
+sleep 2
+kill -0 "$monitor_pid" || fail "the monitor did not run on Wayland"
+start_watcher() {
+    status-notifier-watcher >>"$work/watcher.log" 2>&1 &
+    qm_pids+=($!)
+    watcher_pid=$!
+    qm_until 10 watcher_up || fail "no StatusNotifierWatcher"
+    watcher org.kde.StatusNotifierWatcher.RegisterStatusNotifierHost org.quendral.TestHost >/dev/null
+}
+start_watcher
+qm_until 15 registered || fail "the monitor started before the tray host never registered"
+item=$(item_name)
+item=${item%%/*}
+echo "a monitor started before the tray host registers once it appears"
+
+# A host that never says the menu closed: the refresh runs, then stops by
+# itself within the safety stop (10 s), and the monitor is idle.
+menu_path=$(prop Menu | grep -o "'/[^']*'" | tr -d "'")
+menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
+event 0 opened
+busy=$(wakeups 2)
+sleep 10
+idle=$(wakeups 3)
+echo "silent host: $busy wakeups in the first 2 s, $idle in 3 s after the safety stop"
+[ "$busy" -ge 3 ] || fail "the open menu was not refreshed ($busy wakeups in 2 s)"
+[ "$idle" -le 1 ] || fail "still refreshing after the safety stop ($idle wakeups in 3 s)"
+
+kill "$watcher_pid"
+wait "$watcher_pid" 2>/dev/null || true
+qm_until 10 watcher_gone || fail "the watcher did not go"
+start_watcher
+qm_until 15 registered || fail "the monitor did not register with the new watcher"
+echo "registers again with a watcher that replaced the first"

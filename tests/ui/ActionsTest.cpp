@@ -163,7 +163,7 @@ TEST_F(Actions, OpeningTheMenuDuringTheAlertLeavesItAlone) {
         addInstance("sales");
         app->menuWillOpen();
         sameItems = menu()->actions() == before;
-        timerStarted = app->menuUpdateTimer() != nullptr;
+        timerStarted = app->menuUpdateTimer()->isActive();
         QTest::keyClick(app->activeAlert(), Qt::Key_Escape);
     });
     before.at(0)->trigger();

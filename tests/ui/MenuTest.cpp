@@ -38,7 +38,7 @@ TEST_F(Menu, NoInstancesGivesTheFixedMenuAndNoTimer) {
     EXPECT_TRUE(enabled(menu(), "View Online Documentation"));
     EXPECT_TRUE(enabled(menu(), "Start Quendral Monitor at Login"));
     EXPECT_TRUE(enabled(menu(), "Quit Quendral Monitor"));
-    EXPECT_EQ(app->menuUpdateTimer(), nullptr);
+    EXPECT_FALSE(app->menuUpdateTimer()->isActive());
     EXPECT_EQ(findItem(menu(), "Quit Quendral Monitor")->shortcut(),
               QKeySequence(Qt::CTRL | Qt::Key_Q));
 }
@@ -159,25 +159,61 @@ TEST_F(Menu, OpeningTwiceDoesNotAccumulateItems) {
     EXPECT_EQ(first.size(), 9);
 }
 
-TEST_F(Menu, TimerRunsOnlyWhileTheMenuIsOpen) {
-    addInstance("database");
-    launch();
-    EXPECT_EQ(app->menuUpdateTimer(), nullptr);
-    openMenu();
-    ASSERT_NE(app->menuUpdateTimer(), nullptr);
-    EXPECT_TRUE(app->menuUpdateTimer()->isActive());
-    EXPECT_EQ(app->menuUpdateTimer()->interval(), 500);
-    closeMenu();
-    EXPECT_EQ(app->menuUpdateTimer(), nullptr);
+// Whether the first item follows a server started on disk within a second.
+bool followsAServerStart(testsupport::TrayFixture &t, const std::string &dir) {
+    ChildProcess server;
+    writeLockFile(dir + "/quendral.lck", server.pid());
+    const bool followed =
+        spinUntil([&] { return menuTexts(t.menu()).at(0) == "Stop Default Instance"; }, 1000);
+    std::filesystem::remove(dir + "/quendral.lck");
+    server.killAndReap();
+    return followed;
 }
 
-TEST_F(Menu, TimerStopsWhenTheMenuIsGoneWithoutAClose) {
+TEST_F(Menu, RefreshRunsOnlyWhileTheMenuIsOpen) {
+    const std::string dir = addInstance("database");
+    launch();
+    openMenu();
+    EXPECT_EQ(app->menuUpdateTimer()->interval(), 500);
+    EXPECT_TRUE(followsAServerStart(*this, dir)) << "the open menu follows the server";
+    closeMenu();
+    openMenu();
+    ASSERT_EQ(menuTexts(menu()).at(0), "Start Default Instance");
+    closeMenu();
+    EXPECT_FALSE(followsAServerStart(*this, dir)) << "the closed menu was refreshed";
+    EXPECT_FALSE(app->menuUpdateTimer()->isActive());
+}
+
+TEST_F(Menu, RefreshStopsWhenTheMenuIsGoneWithoutAClose) {
     addInstance("database");
     launch();
     // As a host that opened the menu but never reports its closing.
     app->menuWillOpen();
-    ASSERT_NE(app->menuUpdateTimer(), nullptr);
-    EXPECT_TRUE(spinUntil([&] { return app->menuUpdateTimer() == nullptr; }, 2000));
+    EXPECT_TRUE(app->menuUpdateTimer()->isActive());
+    EXPECT_TRUE(spinUntil([&] { return !app->menuUpdateTimer()->isActive(); }, 2000));
+}
+
+TEST_F(Menu, OpeningWithNothingChangedChangesNoItem) {
+    // A host that draws the menu is sent every change of an item; at an
+    // opening that finds everything as it was, there must be none.
+    addInstance("database");
+    addInstance("sales");
+    launch();
+    openMenu();
+    closeMenu();
+    int changes = 0;
+    for (QAction *a : menu()->actions()) QObject::connect(a, &QAction::changed, [&] { changes++; });
+    const QList<QAction *> before = menu()->actions();
+    openMenu();
+    EXPECT_EQ(changes, 0);
+    EXPECT_EQ(menu()->actions(), before);
+    // A new instance adds its item and changes nothing else.
+    closeMenu();
+    addInstance("zeta");
+    openMenu();
+    EXPECT_EQ(changes, 0);
+    EXPECT_EQ(menu()->actions().size(), before.size() + 1);
+    EXPECT_EQ(menuTexts(menu()).at(2), "Start Instance 'zeta'");
 }
 
 TEST_F(Menu, StatusChangeShowsWhileOpenButGeneralItemsKeepTheirState) {
