@@ -16,26 +16,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class ExecutableTrust : public ::testing::Test {
+class ExecutableTrust : public ::testing::Test, public DemoInstallationFixture {
   protected:
-    TempDir home;
-    LogCapture log;
-    std::string instDir;
-    std::string mark;
-    std::unique_ptr<QuendralInstance> inst;
-    ScopedEnv noBinary{"QUENDRAL_BINARY", ""};
-    ScopedEnv noHttp{"QUENDRAL_DEMO_HTTP_PORT", "0"};
+    const std::string mark = home / "planted-program-ran";
     std::vector<pid_t> launched;
 
-    void SetUp() override {
-        unsetenv("QUENDRAL_BINARY");
-        fs::create_directories(home / "bin");
-        fs::copy_file(demoServerPath(), home / "bin/quendral");
-        instDir = makeInstanceDir(home, "db");
-        mark = home / "planted-program-ran";
-        inst = std::make_unique<QuendralInstance>(instDir);
-        ASSERT_TRUE(inst->isValid());
-    }
     void TearDown() override {
         for (pid_t pid : launched) {
             kill(pid, SIGKILL);

@@ -45,12 +45,9 @@ pid_t lockPid(const std::string &path) {
     }
 }
 
-class LockFileProperty : public ::testing::TestWithParam<unsigned> {
+// The log capture keeps the expected stale and "different" lines.
+class LockFileProperty : public ::testing::TestWithParam<unsigned>, public DemoInstallationFixture {
   protected:
-    TempDir home;
-    LogCapture log; // the stale and "different" lines are expected
-    std::string instDir, lck;
-    std::unique_ptr<QuendralInstance> inst;
     std::mt19937 rng{GetParam()};
 
     // What the test knows about every process it made.
@@ -59,16 +56,6 @@ class LockFileProperty : public ::testing::TestWithParam<unsigned> {
     std::vector<std::unique_ptr<ReusedPidLockFile>> strangers;
     std::set<pid_t> strangerPids;
 
-    void SetUp() override {
-        unsetenv("QUENDRAL_BINARY");
-        setenv("QUENDRAL_DEMO_HTTP_PORT", "0", 1);
-        std::filesystem::create_directories(home / "bin");
-        std::filesystem::copy_file(demoServerPath(), home / "bin/quendral");
-        instDir = makeInstanceDir(home, "db");
-        lck = instDir + "/quendral.lck";
-        inst = std::make_unique<QuendralInstance>(instDir);
-        ASSERT_TRUE(inst->isValid());
-    }
     void TearDown() override {
         for (pid_t pid : launched) kill(pid, SIGKILL);
         for (pid_t pid : launched) waitpid(pid, nullptr, 0);
@@ -189,10 +176,10 @@ TEST_P(LockFileProperty, RandomHistoriesKeepTheInvariants) {
         refreshAndCheck("settling");
         const int32_t s = inst->serverStatus();
         return s != ServerStatusStarting && s != ServerStatusStopping;
-    })) << "status " << inst->serverStatus() << ", pid " << inst->pid() << " ("
-        << processState(inst->pid()) << "), lock file names " << lockPid(lck) << " ("
-        << processState(lockPid(lck)) << "), last launched " << lastLaunched << " ("
-        << processState(lastLaunched) << ")\n"
+    })) << "status "
+        << inst->serverStatus() << ", pid " << inst->pid() << " (" << processState(inst->pid())
+        << "), lock file names " << lockPid(lck) << " (" << processState(lockPid(lck))
+        << "), last launched " << lastLaunched << " (" << processState(lastLaunched) << ")\n"
         << [&] {
                std::string all;
                for (const auto &l : log.lines) all += l + "\n";

@@ -25,28 +25,11 @@ pid_t deadPid() {
     return pid;
 }
 
-class LockFileTrust : public ::testing::Test {
+class LockFileTrust : public ::testing::Test, public DemoInstallationFixture {
   protected:
-    TempDir home;
-    LogCapture log;
-    std::string instDir;
-    std::string lck;
-    std::unique_ptr<QuendralInstance> inst;
-
-    void SetUp() override {
-        unsetenv("QUENDRAL_BINARY");
-        setenv("QUENDRAL_DEMO_HTTP_PORT", "0", 1);
-        std::filesystem::create_directories(home / "bin");
-        std::filesystem::copy_file(demoServerPath(), home / "bin/quendral");
-        instDir = makeInstanceDir(home, "db");
-        lck = instDir + "/quendral.lck";
-        inst = std::make_unique<QuendralInstance>(instDir);
-        ASSERT_TRUE(inst->isValid());
-    }
     void TearDown() override {
         unsetenv("QUENDRAL_DEMO_START_DELAY_MS");
         unsetenv("QUENDRAL_DEMO_FORK");
-        unsetenv("QUENDRAL_DEMO_HTTP_PORT");
         // Only processes this test started are ended here.
         for (pid_t pid : launched)
             if (parentOf(pid) == getpid()) kill(pid, SIGKILL);

@@ -109,6 +109,16 @@ bool ReusedPidLockFile::unrelatedAlive() const {
     return state != 0 && state != 'Z';
 }
 
+DemoInstallationFixture::DemoInstallationFixture() {
+    unsetenv("QUENDRAL_BINARY");
+    std::filesystem::create_directories(home / "bin");
+    std::filesystem::copy_file(demoServerPath(), home / "bin/quendral");
+    instDir = makeInstanceDir(home, "db");
+    lck = instDir + "/quendral.lck";
+    inst = std::make_unique<QuendralInstance>(instDir);
+    if (!inst->isValid()) throw std::runtime_error("the instance's configuration is unusable");
+}
+
 std::string demoServerPath() {
     return QUENDRAL_DEMO_PATH;
 }

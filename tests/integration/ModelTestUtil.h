@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -105,6 +106,21 @@ class InstanceFixture {
     std::string instDir = makeInstanceDir(dir, "x");
     std::string lck = instDir + "/quendral.lck";
     QuendralInstance inst{instDir};
+};
+
+// An installation whose bin/quendral is the demo server (serving no web
+// page) with one instance "db" whose configuration has been read, for tests
+// that start real servers. QUENDRAL_BINARY is unset while it lives.
+class DemoInstallationFixture {
+  protected:
+    DemoInstallationFixture();
+    TempDir home;
+    LogCapture log;
+    ScopedEnv noBinary{"QUENDRAL_BINARY", ""};
+    ScopedEnv noHttp{"QUENDRAL_DEMO_HTTP_PORT", "0"};
+    std::string instDir;
+    std::string lck; // the instance's lock file
+    std::unique_ptr<QuendralInstance> inst;
 };
 
 // How many descriptors this process has open.
