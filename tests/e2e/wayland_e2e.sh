@@ -1,0 +1,222 @@
+#!/usr/bin/env bash
+# The real tray executable in waybar under a headless sway (Wayland), on its
+# own session bus. sway will not run as root, so the session runs as an
+# ordinary user (nobody). The monitor starts before waybar, as at login. A
+# user's clicks come through a virtual pointer (vpointer), keys through
+# wtype (the alert's Return); screenshots through grim. Checks: the icon appears; right and left
+# clicks give waybar's menu (or nothing), never a window of the monitor's
+# own; the texts are exact; the open menu follows a server started from
+# outside; the alert comes up in front and Return starts the server; after
+# the menu closes the monitor is idle; Quit ends it with status 0.
+#
+#   wayland_e2e.sh MONITOR QUENDRALCTL DEMO_SERVER VPOINTER OUTPUT_DIR
+set -euo pipefail
+if [ -z "${QM_WAYLAND_INNER:-}" ]; then
+    [ "$(id -u)" -eq 0 ] || { echo "runs as root, to become an ordinary user" >&2; exit 1; }
+    work=$(mktemp -d /tmp/quendral-wayland.XXXXXX)
+    mkdir -p "$work/run" "$work/user" "$5/waybar"
+    chmod 700 "$work/run"
+    chmod 755 "$work"
+    chown -R nobody:nogroup "$work" "$5/waybar"
+    status=0
+    setpriv --reuid=nobody --regid=nogroup --clear-groups \
+        env -i PATH=/usr/bin:/bin HOME="$work/user" XDG_RUNTIME_DIR="$work/run" \
+        QM_WAYLAND_INNER="$work" LANG=C.UTF-8 \
+        dbus-run-session -- "$0" "$@" || status=$?
+    pkill -u nobody -x sway 2>/dev/null || true
+    rm -rf "$work"
+    exit $status
+fi
+monitor=$1 ctl=$2 demo=$3 vpointer=$4 out=$5/waybar
+work=$QM_WAYLAND_INNER
+qm_pids=()
+. "$(dirname "$0")/../../scripts/lib/xdisplay.sh" # qm_until
+cleanup() {
+    "$ctl" --home "$work/home" stop --all --wait 5 >/dev/null 2>&1 || true
+    for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+}
+trap cleanup EXIT
+fail() {
+    echo "FAIL (waybar): $*" >&2
+    shot failure || true
+    tail -n 20 "$work/monitor.log" >&2 || true
+    exit 1
+}
+shot() { grim "$out/$1.png"; }
+
+mkdir -p "$work/home/bin" "$work/home/my_db" "$work/home/R&D"
+cp "$demo" "$work/home/bin/quendral"
+for d in my_db "R&D"; do printf '[database]\n' >"$work/home/$d/quendral.ini"; done
+printf 'output HEADLESS-1 resolution 1024x768\ndefault_border none\n' >"$work/sway.conf"
+cat >"$work/waybar.json" <<'CONF'
+{ "layer": "top", "position": "top", "height": 30, "modules-right": ["tray"],
+  "tray": { "icon-size": 21, "spacing": 8 } }
+CONF
+export WLR_BACKENDS=headless WLR_LIBINPUT_NO_DEVICES=1 WLR_RENDERER=pixman
+sway -c "$work/sway.conf" >"$work/sway.log" 2>&1 &
+qm_pids+=($!)
+qm_until 10 test -S "$XDG_RUNTIME_DIR/wayland-1" || fail "sway did not start"
+export WAYLAND_DISPLAY=wayland-1 SWAYSOCK
+SWAYSOCK=$(ls "$XDG_RUNTIME_DIR"/sway-ipc.*.sock)
+export QT_QPA_PLATFORM=wayland QUENDRAL_HOME=$work/home QUENDRAL_DEMO_HTTP_PORT=0 \
+    XDG_CONFIG_HOME=$work/config
+
+# The login case: the monitor first, then the bar.
+"$monitor" >"$work/monitor.log" 2>&1 &
+monitor_pid=$!
+qm_pids+=($monitor_pid)
+sleep 2
+waybar -c "$work/waybar.json" >"$work/waybar.log" 2>&1 &
+qm_pids+=($!)
+
+icon_center() {
+    grim "$work/find.png" 2>/dev/null || return 1
+    local box
+    box=$(convert "$work/find.png" -crop 1024x30+0+0 +repage -fill black -fuzz 5% \
+        +opaque '#1f5fa8' -trim -format '%w %h %X %Y' info: 2>/dev/null) || return 1
+    read -r w h x y <<<"$box"
+    [ "$w" -ge 8 ] && [ "$w" -le 40 ] && [ "$h" -ge 8 ] || return 1
+    echo "$((${x#+} + w / 2)) $((${y#+} + h / 2))"
+}
+icon_shown() { icon_center >/dev/null; }
+qm_until 30 icon_shown || fail "the icon did not appear in waybar"
+read -r icon_x icon_y <<<"$(icon_center)"
+echo "waybar: the icon appears with the monitor started before the bar, at $icon_x,$icon_y"
+shot bar
+# Left of the icon, over the whole height: where waybar's menu opens.
+region="0,0 $((icon_x - 25))x400"
+grim -g "$region" "$work/empty.png"
+
+# The menu waybar draws from the monitor's exported one.
+item=$(gdbus call --session --dest org.kde.StatusNotifierWatcher \
+    --object-path /StatusNotifierWatcher --method org.freedesktop.DBus.Properties.Get \
+    org.kde.StatusNotifierWatcher RegisteredStatusNotifierItems | grep -o "'[^']*'" | head -1 |
+    tr -d "'") || true
+[ -n "$item" ] || fail "the monitor is not registered with waybar's watcher"
+bus=${item%%/*}
+menu_path=$(gdbus call --session --dest "$bus" --object-path /StatusNotifierItem \
+    --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu |
+    grep -o "'/[^']*'" | tr -d "'")
+labels() {
+    gdbus call --session --dest "$bus" --object-path "$menu_path" \
+        --method com.canonical.dbusmenu.GetLayout 0 'int32 -1' '@as []' |
+        grep -o "'label': <[^>]*>" | sed -E "s/'label': <['\"](.*)['\"]>/\1/" |
+        sed -E 's/_(.)/\1/g'
+}
+expected="Start Instance 'R&D'
+Start Instance 'my_db'
+Open Diagnostic Messages
+Open Quendral Dravinter
+View Online Documentation
+Start Quendral Monitor at Login
+Quit Quendral Monitor"
+
+# A menu is open when the area below the bar is no longer what it was.
+menu_open() {
+    grim -g "$region" "$work/now.png" 2>/dev/null || return 1
+    local d
+    d=$(compare -metric AE "$work/empty.png" "$work/now.png" null: 2>&1 || true)
+    [ "${d%% *}" -gt 2000 ]
+}
+menu_closed() { ! menu_open; }
+# One pointer for the whole session, fed through a pipe.
+mkfifo "$work/pointer"
+"$vpointer" 1024 768 <"$work/pointer" >"$work/vpointer.log" 2>&1 &
+qm_pids+=($!)
+exec 7>"$work/pointer"
+pointer() { echo "$*" >&7; sleep 0.4; }
+click() { pointer click "$icon_x" "$icon_y" "$1"; }
+open_menu() { click 3 && qm_until 5 menu_open; }
+# A click on the empty desktop closes it, as a user does.
+close_menu() { pointer click 500 600 1 && qm_until 5 menu_closed; }
+# The open menu's box on the screen: menu_x menu_y menu_w menu_h.
+menu_box() {
+    local box
+    box=$(compare "$work/empty.png" "$work/now.png" -compose src -highlight-color white \
+        -lowlight-color black png:- 2>/dev/null | convert - -trim -format '%w %h %X %Y' info:) ||
+        true # compare's status says that the pictures differ, which they do
+    read -r menu_w menu_h menu_x menu_y <<<"$box"
+    menu_x=${menu_x#+} menu_y=${menu_y#+}
+}
+# Clicks the menu's first item (0) or its last (-1).
+click_item() {
+    menu_open && menu_box
+    local y=$((menu_y + 14))
+    [ "$1" -ge 0 ] || y=$((menu_y + menu_h - 14))
+    pointer click $((menu_x + 40)) "$y" 1
+}
+# Any window of the monitor's own on the screen (on Wayland a menu of Qt's
+# would be one, full-screen).
+own_window() {
+    swaymsg -t get_tree | jq -e '[.. | objects | select(.app_id == "quendral-monitor")] | length > 0' >/dev/null
+}
+
+open_menu || fail "a right click opened no menu"
+sleep 0.5
+menu_open || fail "the menu closed by itself"
+shot menu-right-click
+[ "$(labels)" = "$expected" ] || fail "menu texts: $(labels)"
+own_window && fail "a right click showed a window of the monitor's own"
+echo "waybar: a right click opens the menu, texts exact"
+close_menu || fail "Escape did not close the menu"
+
+click 1
+sleep 1
+own_window && fail "a left click showed a window of the monitor's own"
+if menu_open; then
+    echo "waybar: a left click opens waybar's menu"
+    close_menu || fail "Escape did not close the menu"
+else
+    echo "waybar: a left click shows nothing"
+fi
+
+open_menu || fail "the menu did not open again"
+"$ctl" start my_db --wait 10 >/dev/null || fail "quendralctl start"
+follows() { labels | grep -qx "Stop Instance 'my_db'"; }
+qm_until 3 follows || fail "the open menu did not follow the start"
+sleep 0.5
+shot menu-follows
+echo "waybar: the open menu follows a server started from outside"
+close_menu || fail "Escape did not close the menu"
+"$ctl" stop my_db --wait 10 >/dev/null || fail "quendralctl stop"
+
+open_menu || fail "the menu did not open"
+sleep 0.3
+click_item 0
+focused_is_alert() {
+    swaymsg -t get_tree | jq -e '[.. | objects | select(.focused == true) | .app_id] == ["quendral-monitor"]' >/dev/null
+}
+qm_until 5 focused_is_alert || fail "choosing the item brought up no alert in front"
+sleep 0.5
+shot alert
+# The virtual keyboard brings its own keymap, which Qt must have before the
+# first key; and a key pressed and released at once is missed.
+wtype -s 400 -P Return -s 150 -p Return
+qm_until 10 test -s "$work/home/R&D/quendral.lck" || fail "Return in the alert did not start the server"
+echo "waybar: the alert came up in front and Return started the server"
+
+wakeups() {
+    local before after
+    before=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "/proc/$monitor_pid/task/$monitor_pid/status")
+    sleep "$1"
+    after=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "/proc/$monitor_pid/task/$monitor_pid/status")
+    echo $((after - before))
+}
+open_menu || fail "the menu did not open"
+sleep 1
+close_menu || fail "Escape did not close the menu"
+sleep 11
+idle=$(wakeups 3)
+echo "waybar: $idle wakeups in 3 s, from 11 s after the menu closed"
+[ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
+
+open_menu || fail "the menu did not open"
+sleep 0.3
+click_item -1
+qm_until 10 sh -c "! kill -0 $monitor_pid 2>/dev/null" || fail "Quit did not end the monitor"
+status=0
+wait "$monitor_pid" || status=$?
+[ "$status" -eq 0 ] || fail "quit exited with $status"
+"$ctl" status "R&D" >/dev/null || fail "quitting stopped the server"
+echo "waybar: quit exited 0; the server runs on; screenshots in $out"
