@@ -120,9 +120,9 @@ void Application::applicationDidFinishLaunching() {
         auto *watcher = new QDBusServiceWatcher(kWatcherService, bus,
                                                 QDBusServiceWatcher::WatchForRegistration, this);
         connect(watcher, &QDBusServiceWatcher::serviceRegistered, this,
-                &Application::trayHostChanged);
+                &Application::watcherAppeared);
         bus.connect(kWatcherService, kWatcherPath, kWatcherService,
-                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(trayHostChanged()));
+                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(hostRegistered()));
     }
     if (x11 || !bus.isConnected() || statusNotifierHostRegistered(bus)) createStatusItem();
     if (x11 || QGuiApplication::platformName() == QLatin1String("wayland"))
@@ -152,16 +152,19 @@ void Application::createStatusItem() {
     _statusItem->show();
 }
 
-void Application::trayHostChanged() {
+void Application::hostRegistered() {
     QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!_statusItem && statusNotifierHostRegistered(bus)) createStatusItem();
+}
+
+void Application::watcherAppeared() {
     if (!_statusItem) {
-        if (statusNotifierHostRegistered(bus)) createStatusItem();
+        hostRegistered();
         return;
     }
-    // A new watcher (the panel restarted) knows nothing of the item: it
-    // registers again. A host joining the same watcher already sees it.
-    if (hostDrawsMenu() && sender() != nullptr &&
-        qobject_cast<QDBusServiceWatcher *>(sender()) != nullptr) {
+    // A new watcher knows nothing of the item registered with the one
+    // before it: register again.
+    if (hostDrawsMenu()) {
         _statusItem->hide();
         _statusItem->show();
     }

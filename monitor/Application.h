@@ -98,7 +98,10 @@ class Application : public QObject {
 
   private slots:
     void bringAlertToFront();
-    void trayHostChanged();
+    // A StatusNotifierWatcher appeared (a panel started or restarted).
+    void watcherAppeared();
+    // A host registered with the watcher.
+    void hostRegistered();
     void noticeMissingTray();
 
   private:
