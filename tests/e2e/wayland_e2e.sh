@@ -22,6 +22,8 @@ if [ -z "${QM_WAYLAND_INNER:-}" ]; then
     setpriv --reuid=nobody --regid=nogroup --clear-groups \
         env -i PATH=/usr/bin:/bin HOME="$work/user" XDG_RUNTIME_DIR="$work/run" \
         QM_WAYLAND_INNER="$work" LANG=C.UTF-8 \
+        ASAN_OPTIONS="${ASAN_OPTIONS:-}" LSAN_OPTIONS="${LSAN_OPTIONS:-}" \
+        UBSAN_OPTIONS="${UBSAN_OPTIONS:-}" \
         dbus-run-session -- "$0" "$@" || status=$?
     pkill -u nobody -x sway 2>/dev/null || true
     rm -rf "$work"
