@@ -64,7 +64,12 @@ SWAYSOCK=$(ls "$XDG_RUNTIME_DIR"/sway-ipc.*.sock)
 export QT_QPA_PLATFORM=wayland QUENDRAL_HOME=$work/home QUENDRAL_DEMO_HTTP_PORT=0 \
     XDG_CONFIG_HOME=$work/config
 
-# The login case: the monitor first, then the bar.
+# The login case: the monitor first, then the bar. Under AddressSanitizer,
+# leaks are not looked for here: Qt's Wayland plugin leaves its display
+# objects at exit, partly from a plugin already unloaded when the report is
+# made, which no suppression can name. The monitor's own leaks are looked
+# for by the offscreen and D-Bus tests.
+[ -z "${ASAN_OPTIONS:-}" ] || export ASAN_OPTIONS="$ASAN_OPTIONS:detect_leaks=0"
 "$monitor" >"$work/monitor.log" 2>&1 &
 monitor_pid=$!
 qm_pids+=($monitor_pid)
