@@ -29,6 +29,7 @@ work=$QM_PANEL_INNER
 mkdir -p "$out"
 qm_pids=()
 . "$(dirname "$0")/../../scripts/lib/xdisplay.sh"
+. "$(dirname "$0")/tray_item.sh"
 cleanup() {
     "$ctl" --home "$work/home" stop --all --wait 5 >/dev/null 2>&1 || true
     for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
@@ -124,30 +125,9 @@ echo "$host: icon at $icon_x,$icon_y"
 shot panel
 
 # The menu the panel draws: the monitor's item and its exported menu.
-item=$(gdbus call --session --dest org.kde.StatusNotifierWatcher \
-    --object-path /StatusNotifierWatcher --method org.freedesktop.DBus.Properties.Get \
-    org.kde.StatusNotifierWatcher RegisteredStatusNotifierItems | grep -o "'[^']*'" | head -1 |
-    tr -d "'") || true
-[ -n "$item" ] || fail "the monitor is not registered as a status notifier item"
-bus=${item%%/*}
-menu_path=$(gdbus call --session --dest "$bus" --object-path /StatusNotifierItem \
-    --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu |
-    grep -o "'/[^']*'" | tr -d "'")
-# The labels as the panel reads them; the panel shows "_" as a mnemonic
-# marker, "__" as "_".
-labels() {
-    gdbus call --session --dest "$bus" --object-path "$menu_path" \
-        --method com.canonical.dbusmenu.GetLayout 0 'int32 -1' '@as []' |
-        grep -o "'label': <[^>]*>" | sed -E "s/'label': <['\"](.*)['\"]>/\1/" |
-        sed -E 's/_(.)/\1/g'
-}
-expected="Start Instance 'R&D'
-Start Instance 'my_db'
-Open Diagnostic Messages
-Open Quendral Dravinter
-View Online Documentation
-Start Quendral Monitor at Login
-Quit Quendral Monitor"
+qm_find_item || fail "the monitor is not registered as a status notifier item"
+labels() { qm_labels; }
+expected=$qm_expected_labels
 
 # A menu is open when the empty (black) desktop below the icon is covered.
 panel_menu_open() {
@@ -216,19 +196,12 @@ qm_until 10 test -s "$work/home/R&D/quendral.lck" || fail "Return in the alert d
 echo "$host: the alert came up and Return started the server"
 
 # Closed: within the monitor's stop the refresh ends and the monitor idles.
-wakeups() {
-    local before after
-    before=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "/proc/$monitor_pid/task/$monitor_pid/status")
-    sleep "$1"
-    after=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "/proc/$monitor_pid/task/$monitor_pid/status")
-    echo $((after - before))
-}
 open_menu 3 || fail "the menu did not open"
 sleep 1
 close_menu || fail "Escape did not close the menu"
 closed_at=$SECONDS
 sleep 11
-idle=$(wakeups 3)
+idle=$(qm_wakeups "$monitor_pid" 3)
 echo "$host: $idle wakeups in 3 s, from $((SECONDS - closed_at - 3)) s after the menu closed"
 [ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
 

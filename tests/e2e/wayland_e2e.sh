@@ -33,6 +33,7 @@ monitor=$1 ctl=$2 demo=$3 vpointer=$4 out=$5/waybar
 work=$QM_WAYLAND_INNER
 qm_pids=()
 . "$(dirname "$0")/../../scripts/lib/xdisplay.sh" # qm_until
+. "$(dirname "$0")/tray_item.sh"
 cleanup() {
     "$ctl" --home "$work/home" stop --all --wait 5 >/dev/null 2>&1 || true
     for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
@@ -96,28 +97,9 @@ region="0,0 $((icon_x - 25))x400"
 grim -g "$region" "$work/empty.png"
 
 # The menu waybar draws from the monitor's exported one.
-item=$(gdbus call --session --dest org.kde.StatusNotifierWatcher \
-    --object-path /StatusNotifierWatcher --method org.freedesktop.DBus.Properties.Get \
-    org.kde.StatusNotifierWatcher RegisteredStatusNotifierItems | grep -o "'[^']*'" | head -1 |
-    tr -d "'") || true
-[ -n "$item" ] || fail "the monitor is not registered with waybar's watcher"
-bus=${item%%/*}
-menu_path=$(gdbus call --session --dest "$bus" --object-path /StatusNotifierItem \
-    --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu |
-    grep -o "'/[^']*'" | tr -d "'")
-labels() {
-    gdbus call --session --dest "$bus" --object-path "$menu_path" \
-        --method com.canonical.dbusmenu.GetLayout 0 'int32 -1' '@as []' |
-        grep -o "'label': <[^>]*>" | sed -E "s/'label': <['\"](.*)['\"]>/\1/" |
-        sed -E 's/_(.)/\1/g'
-}
-expected="Start Instance 'R&D'
-Start Instance 'my_db'
-Open Diagnostic Messages
-Open Quendral Dravinter
-View Online Documentation
-Start Quendral Monitor at Login
-Quit Quendral Monitor"
+qm_find_item || fail "the monitor is not registered as a status notifier item"
+labels() { qm_labels; }
+expected=$qm_expected_labels
 
 # A menu is open when the area below the bar is no longer what it was.
 menu_open() {
@@ -203,18 +185,11 @@ wtype -s 400 -P Return -s 150 -p Return
 qm_until 10 test -s "$work/home/R&D/quendral.lck" || fail "Return in the alert did not start the server"
 echo "waybar: the alert came up in front and Return started the server"
 
-wakeups() {
-    local before after
-    before=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "/proc/$monitor_pid/task/$monitor_pid/status")
-    sleep "$1"
-    after=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "/proc/$monitor_pid/task/$monitor_pid/status")
-    echo $((after - before))
-}
 open_menu || fail "the menu did not open"
 sleep 1
 close_menu || fail "Escape did not close the menu"
 sleep 11
-idle=$(wakeups 3)
+idle=$(qm_wakeups "$monitor_pid" 3)
 echo "waybar: $idle wakeups in 3 s, from 11 s after the menu closed"
 [ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
 

@@ -1,0 +1,44 @@
+# Sourced by the end-to-end tests in real panels: the monitor as the panel
+# sees it over D-Bus (its StatusNotifierItem and exported menu), the menu's
+# expected texts for the instances "R&D" and "my_db", and the monitor's main
+# thread's wakeups.
+
+# Finds the registered item and its menu: sets qm_item_bus and qm_menu_path.
+qm_find_item() {
+    local item
+    item=$(gdbus call --session --dest org.kde.StatusNotifierWatcher \
+        --object-path /StatusNotifierWatcher --method org.freedesktop.DBus.Properties.Get \
+        org.kde.StatusNotifierWatcher RegisteredStatusNotifierItems | grep -o "'[^']*'" | head -1 |
+        tr -d "'") || true
+    [ -n "$item" ] || return 1
+    qm_item_bus=${item%%/*}
+    qm_menu_path=$(gdbus call --session --dest "$qm_item_bus" --object-path /StatusNotifierItem \
+        --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu |
+        grep -o "'/[^']*'" | tr -d "'")
+}
+
+# The labels as the panel reads them, one a line; the panel shows "_" as a
+# mnemonic marker and "__" as "_".
+qm_labels() {
+    gdbus call --session --dest "$qm_item_bus" --object-path "$qm_menu_path" \
+        --method com.canonical.dbusmenu.GetLayout 0 'int32 -1' '@as []' |
+        grep -o "'label': <[^>]*>" | sed -E "s/'label': <['\"](.*)['\"]>/\1/" |
+        sed -E 's/_(.)/\1/g'
+}
+
+qm_expected_labels="Start Instance 'R&D'
+Start Instance 'my_db'
+Open Diagnostic Messages
+Open Quendral Dravinter
+View Online Documentation
+Start Quendral Monitor at Login
+Quit Quendral Monitor"
+
+# How often the process $1's main thread woke up during $2 seconds.
+qm_wakeups() {
+    local status=/proc/$1/task/$1/status before after
+    before=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "$status")
+    sleep "$2"
+    after=$(awk '/ctxt_switches/ { n += $2 } END { print n }' "$status")
+    echo $((after - before))
+}
