@@ -132,11 +132,21 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
         } else if (is(*i, ServerStatusStopped) || is(*i, ServerStatusUnknown)) {
             if (i->startup())
                 launched.push_back(i);
+            else if (o.all && is(*i, ServerStatusStarting))
+                launched.push_back(i); // another front end's start, as good as ours
+            else if (!i->failureReason().empty())
+                fail(out, "cannot be started: " + i->failureReason());
             else
                 fail(out, std::string("cannot be started (it is ") + statusWord(i->serverStatus()) +
                               ")");
         } else if (is(*i, ServerStatusStarting)) {
-            launched.push_back(i);
+            // Over --all a start in progress is as it should be; asked for
+            // this one instance, starting it again is refused, as for a
+            // running one, and the second server is never launched.
+            if (o.all)
+                launched.push_back(i);
+            else
+                fail(out, "cannot be started: it is already starting");
         } else if (!o.all) {
             // Asked for this one instance, a start that has nothing to do
             // failed; over --all, one already running is as it should be.
@@ -172,6 +182,8 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
         } else if (is(*i, ServerStatusRunning)) {
             if (i->shutdown())
                 stopping.push_back(i);
+            else if (!i->failureReason().empty())
+                fail(out, "cannot be stopped: " + i->failureReason());
             else
                 fail(out, "cannot be stopped");
         } else if (is(*i, ServerStatusStopping)) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
@@ -35,10 +36,13 @@ int pidfdSendSignal(int fd, int sig) {
 #endif
 }
 
-// Field 22 of /proc/PID/stat: when the process began, in clock ticks after
-// boot. The command name (field 2) may hold blanks and parentheses, so the
-// fields are counted from the last ')'.
-std::optional<unsigned long long> startTicks(pid_t pid) {
+} // namespace
+
+// Fields 3 (state) and 22 (start time) of /proc/PID/stat. The command name
+// (field 2) may hold blanks and parentheses, so the fields are counted from
+// the last ')'.
+std::optional<ProcessStat> readProcessStat(pid_t pid) {
+    if (pid <= 0) return std::nullopt;
     char path[32];
     std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -53,26 +57,31 @@ std::optional<unsigned long long> startTicks(pid_t pid) {
     const char *p = std::strrchr(buf, ')');
     if (!p) return std::nullopt;
     p++;
+    ProcessStat stat;
     // After ')' come field 3 (state) to field 22: skip 19 fields.
     for (int field = 3; field < 22; field++) {
         while (*p == ' ') p++;
+        if (field == 3) stat.state = *p;
         while (*p && *p != ' ') p++;
         if (!*p) return std::nullopt;
     }
     char *end = nullptr;
     errno = 0;
-    const unsigned long long ticks = std::strtoull(p, &end, 10);
+    stat.startTicks = std::strtoull(p, &end, 10);
     if (end == p || errno != 0) return std::nullopt;
-    return ticks;
+    return stat;
 }
-
-} // namespace
 
 std::optional<timespec> processStartTime(pid_t pid) {
     if (pid <= 0) return std::nullopt;
-    const std::optional<unsigned long long> ticks = startTicks(pid);
+    const std::optional<ProcessStat> stat = readProcessStat(pid);
+    if (!stat) return std::nullopt;
+    return startTimeFromTicks(stat->startTicks);
+}
+
+std::optional<timespec> startTimeFromTicks(unsigned long long ticks) {
     const long hz = sysconf(_SC_CLK_TCK);
-    if (!ticks || hz <= 0) return std::nullopt;
+    if (hz <= 0) return std::nullopt;
     // The boot time as wall-clock time: what /proc/stat calls btime, but
     // current (it moves when the clock is set) and finer than a second.
     // Reading it now, not once, keeps start times comparable with file
@@ -83,10 +92,10 @@ std::optional<timespec> processStartTime(pid_t pid) {
     const long long ns =
         (static_cast<long long>(real.tv_sec) - boot.tv_sec) * 1000000000LL +
         (real.tv_nsec - boot.tv_nsec) +
-        static_cast<long long>(*ticks % static_cast<unsigned long long>(hz)) * (1000000000LL / hz);
+        static_cast<long long>(ticks % static_cast<unsigned long long>(hz)) * (1000000000LL / hz);
     timespec start{};
     start.tv_sec = static_cast<time_t>(
-        ns / 1000000000LL + static_cast<long long>(*ticks / static_cast<unsigned long long>(hz)));
+        ns / 1000000000LL + static_cast<long long>(ticks / static_cast<unsigned long long>(hz)));
     start.tv_nsec = static_cast<long>(ns % 1000000000LL);
     if (start.tv_nsec < 0) {
         start.tv_nsec += 1000000000L;
@@ -109,7 +118,12 @@ ProcessHandle::ProcessHandle(pid_t pid) : pid_(pid > 0 ? pid : 0) {
     // after the time was read, that time is its own and not that of a
     // process which took the pid in between.
     fd_ = pidfdOpen(pid_);
-    start_ = processStartTime(pid_);
+    if (const auto stat = readProcessStat(pid_)) {
+        startTicks_ = stat->startTicks;
+        start_ = startTimeFromTicks(stat->startTicks);
+    }
+    // Asked once: whether a process is ours does not change while it runs.
+    ours_ = (fd_ >= 0 ? pidfdSendSignal(fd_, 0) : kill(pid_, 0)) == 0;
 }
 
 ProcessHandle::~ProcessHandle() {
@@ -118,6 +132,8 @@ ProcessHandle::~ProcessHandle() {
 
 ProcessHandle::ProcessHandle(ProcessHandle &&other) noexcept
     : pid_(std::exchange(other.pid_, 0)), fd_(std::exchange(other.fd_, -1)),
+      ours_(std::exchange(other.ours_, false)),
+      startTicks_(std::exchange(other.startTicks_, std::nullopt)),
       start_(std::exchange(other.start_, std::nullopt)) {}
 
 ProcessHandle &ProcessHandle::operator=(ProcessHandle &&other) noexcept {
@@ -125,6 +141,8 @@ ProcessHandle &ProcessHandle::operator=(ProcessHandle &&other) noexcept {
         close();
         pid_ = std::exchange(other.pid_, 0);
         fd_ = std::exchange(other.fd_, -1);
+        ours_ = std::exchange(other.ours_, false);
+        startTicks_ = std::exchange(other.startTicks_, std::nullopt);
         start_ = std::exchange(other.start_, std::nullopt);
     }
     return *this;
@@ -143,7 +161,23 @@ int ProcessHandle::signal(int sig) const {
 }
 
 bool ProcessHandle::alive() const {
-    return signal(0) == 0;
+    if (pid_ <= 0 || !ours_) return false;
+    if (fd_ >= 0) {
+        // A pidfd turns readable when its process ends, before anyone
+        // collects it: so a zombie is seen as ended with one system call.
+        pollfd p{fd_, POLLIN, 0};
+        int r;
+        do r = poll(&p, 1, 0);
+        while (r < 0 && errno == EINTR);
+        return r == 0;
+    }
+    // Without a pidfd the pid alone answers; /proc then tells a zombie,
+    // and a start time that changed tells a process that took the pid.
+    if (kill(pid_, 0) != 0) return false;
+    const auto stat = readProcessStat(pid_);
+    if (!stat) return true;
+    if (hasEnded(stat->state)) return false;
+    return !startTicks_ || *startTicks_ == stat->startTicks;
 }
 
 bool ProcessHandle::couldHaveWritten(const timespec &mtime) const {

@@ -12,10 +12,31 @@
 
 namespace quendral {
 
+// What /proc/PID/stat says of a process: its state letter ('Z' for one that
+// has ended but was not yet collected) and when it began, in clock ticks
+// after boot. The ticks do not move when the wall clock is set, and a pid
+// with the same ticks is the same process. nullopt where the system does not
+// say (no such process, no /proc, or /proc hiding another user's processes).
+struct ProcessStat {
+    char state = 0;
+    unsigned long long startTicks = 0;
+};
+std::optional<ProcessStat> readProcessStat(pid_t pid);
+
+// Whether a state letter from /proc means the process has ended: a zombie
+// waits only for its parent to collect it, and where orphans are collected
+// late (containers) it may wait seconds. It is not a server any more.
+inline bool hasEnded(char state) {
+    return state == 'Z' || state == 'X' || state == 'x';
+}
+
 // When a process began, as wall-clock time, or nullopt where the system does
 // not say (no /proc, or /proc mounted so that another user's processes are
 // hidden from us).
 std::optional<timespec> processStartTime(pid_t pid);
+// The wall-clock time of a start time in clock ticks after boot, as the
+// clock reads now.
+std::optional<timespec> startTimeFromTicks(unsigned long long startTicks);
 
 // Whether a process that began at `start` could have written a file last
 // modified at `mtime`: it began no later than that, allowing one second for
@@ -35,9 +56,9 @@ class ProcessHandle {
     ProcessHandle &operator=(const ProcessHandle &) = delete;
 
     pid_t pid() const { return pid_; }
-    // Whether the process still exists; one that has ended but was not yet
-    // collected by its parent still does. Another user's process counts as
-    // gone, as we may not signal it.
+    // Whether the process is still running. One that has ended but was not
+    // yet collected by its parent (a zombie) has ended. Another user's
+    // process counts as gone, as we may not signal it.
     bool alive() const;
     // Sends `sig` to the process: 0, or the errno of the failure (ESRCH once
     // it has ended, even if its pid now belongs to another process).
@@ -45,6 +66,9 @@ class ProcessHandle {
     // Whether the held process could have written a file last modified at
     // `mtime` (see couldHaveWritten).
     bool couldHaveWritten(const timespec &mtime) const;
+    // When the held process began, in clock ticks after boot (see
+    // ProcessStat), or nullopt where the system does not say.
+    std::optional<unsigned long long> startTicks() const { return startTicks_; }
 
   private:
     void close();
@@ -54,6 +78,10 @@ class ProcessHandle {
     // be opened (descriptor limit). Then the plain pid is used, as it was
     // before pidfds existed.
     int fd_ = -1;
+    // Whether we may signal it at all (not another user's process): asked
+    // once, so that a probe is one system call.
+    bool ours_ = false;
+    std::optional<unsigned long long> startTicks_;
     std::optional<timespec> start_;
 };
 

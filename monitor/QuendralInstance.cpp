@@ -5,6 +5,7 @@
 #include "Localization.h"
 #include "Log.h"
 #include "PathUtil.h"
+#include "StartRecord.h"
 #include "ncfg.h"
 
 #include <algorithm>
@@ -154,6 +155,12 @@ bool QuendralInstance::isRunning(int32_t pid) {
 }
 
 void QuendralInstance::setStatus(int32_t status) {
+    if (_serverStatus == ServerStatusStarting && status != ServerStatusStarting && _launched) {
+        // The start has concluded (the server runs, or the launched process
+        // ended): its record has said what it had to say.
+        forgetStartRecord(_path, *_launched);
+        _launched.reset();
+    }
     if (status != _serverStatus) {
         _entryStatus = EntryStatusChanged;
         _serverStatus = status;
@@ -209,8 +216,29 @@ void QuendralInstance::refresh() {
         logStaleLockFile();
         _pid = ProcessHandle();
     }
+    if (adoptRecordedStart()) return;
     setStatus(ServerStatusStopped);
     if (!isValid()) _entryStatus = EntryStatusRemoved;
+}
+
+bool QuendralInstance::adoptRecordedStart() {
+    // No server speaks through the lock file; a server launched by another
+    // front end (or by an earlier run of this one) may still be on its way.
+    const auto launched = liveStartRecord(_path);
+    if (!launched) return false;
+    ProcessHandle handle(launched->pid);
+    // The handle is opened after the record was checked: it must still hold
+    // that very process.
+    if (handle.startTicks() != launched->startTicks || !handle.alive()) return false;
+    _pid = std::move(handle);
+    _launched = launched;
+    // The lock file's path, for the refreshes that follow the start to its
+    // end: an instance that never saw itself stopped has not read it yet.
+    isValid();
+    // A start in progress, whoever made it: the lifecycle goes on from here
+    // as for a start of our own.
+    if (_serverStatus != ServerStatusStarting) setStatus(ServerStatusStarting);
+    return true;
 }
 
 bool QuendralInstance::canStart() const {
@@ -269,8 +297,23 @@ int32_t QuendralInstance::launchExecutable(const std::string &executable,
 }
 
 bool QuendralInstance::startup() {
+    _failure.clear();
+    // The check that the instance is stopped and the launch are one step
+    // for every front end of the user: both happen under the instance's
+    // start lock, and the launch is recorded before the lock is let go.
+    StartLock lock(_path);
+    if (lock.state() == StartLock::Busy) {
+        refresh();
+        _failure = lock.error();
+        return false;
+    }
+    if (lock.state() == StartLock::Unavailable)
+        logMessage("start record unavailable: %@", {lock.error()});
     refresh();
-    if (_entryStatus == EntryStatusRemoved || _serverStatus != ServerStatusStopped) return false;
+    if (_entryStatus == EntryStatusRemoved || _serverStatus != ServerStatusStopped) {
+        if (_serverStatus == ServerStatusStarting) _failure = "it is already starting";
+        return false;
+    }
     std::string executable = findExecutable();
     if (executable.find('/') == std::string::npos) {
         // The bare name is looked up here rather than by execvp in the
@@ -288,13 +331,18 @@ bool QuendralInstance::startup() {
     // take another process for it.
     _pid = ProcessHandle(launchExecutable(executable, {"quendral", "-f"}, _path));
     if (_pid.pid() == 0) return false;
+    _launched = lock.record(_pid.pid());
     setStatus(ServerStatusStarting);
     return true;
 }
 
 bool QuendralInstance::shutdown() {
+    _failure.clear();
     refresh();
-    if (_serverStatus != ServerStatusRunning) return false;
+    if (_serverStatus != ServerStatusRunning) {
+        if (_serverStatus == ServerStatusStarting) _failure = "it is starting";
+        return false;
+    }
     // Through the handle: the signal reaches the server or nobody.
     if (const int err = _pid.signal(SIGTERM); err != 0) {
         logMessage("terminate: cannot terminate %@ (errno %d)",

@@ -23,6 +23,9 @@
 // Status lifecycle (refresh() moves it unless noted)
 //   Unknown  --refresh-->  Stopped or Running
 //   Stopped  --startup() launches the server-->  Starting
+//   Stopped  --no live writer in the lock file, and a start record names a
+//              live process launched by any front end of the user
+//              (StartRecord.h)-->  Starting
 //   Starting --the lock file names the launched process or another live
 //              process that could have written it-->  Running
 //   Starting --the launched process ends, and no live writer is named-->
@@ -46,6 +49,7 @@
 #pragma once
 
 #include "ProcessHandle.h"
+#include "StartRecord.h"
 
 #include <cstdint>
 #include <ctime>
@@ -160,6 +164,10 @@ class QuendralInstance {
     // forks the server ("quendral -f" in the directory) and becomes
     // Starting with the child as its pid. True when a process was launched
     // (it may still fail at once; a later refresh then finds it stopped).
+    // The refresh and the launch happen under the instance's start lock and
+    // the launch is recorded (StartRecord.h), so a start that any front end
+    // of the user has in progress is seen, and refused. Logs "start record
+    // unavailable: %@" when no record can be kept (the start goes ahead).
     bool startup();
     // Refreshes, then, only if the instance is running, sends SIGTERM to its
     // server and becomes Stopping. The signal goes only to the process the
@@ -168,6 +176,9 @@ class QuendralInstance {
     // (errno %d)" and returns false with the status unchanged. Never sends
     // another signal later.
     bool shutdown();
+    // Why the last startup() or shutdown() did nothing, where the user needs
+    // to know ("it is already starting"); empty otherwise.
+    const std::string &failureReason() const { return _failure; }
 
     // Lock files are read only this far: a pid needs a few bytes, and nothing
     // on disk may make a refresh read without bound.
@@ -186,6 +197,9 @@ class QuendralInstance {
     // launched).
     bool lockFileConfirmsStart();
     void logStaleLockFile() const;
+    // Without a live writer in the lock file: takes up a start that a
+    // record shows in progress. True when the instance is now starting.
+    bool adoptRecordedStart();
 
     std::string _path;
     std::optional<std::string> _lckFile;
@@ -197,4 +211,8 @@ class QuendralInstance {
     int32_t _entryStatus = EntryStatusNew;
     int32_t _serverStatus = ServerStatusUnknown;
     std::string _displayName;
+    std::string _failure;
+    // The launch whose start record this instance made or took up, until
+    // that start concludes.
+    std::optional<quendral::LaunchedProcess> _launched;
 };

@@ -1,6 +1,12 @@
 #include "TempDir.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <dirent.h>
+#include <thread>
+#include <unistd.h>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -11,6 +17,63 @@
 
 namespace testsupport {
 
+namespace {
+
+// Process state letter from /proc (R, S, Z, ...), or 0 when gone.
+char stateOf(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(in, line)) return 0;
+    const size_t paren = line.rfind(')');
+    return paren != std::string::npos && paren + 2 < line.size() ? line[paren + 2] : 0;
+}
+
+} // namespace
+
+std::vector<pid_t> processesIn(const std::string &dir) {
+    std::vector<pid_t> found;
+    std::error_code ec;
+    std::string root = std::filesystem::canonical(dir, ec).string();
+    if (ec) root = dir;
+    DIR *proc = opendir("/proc");
+    if (!proc) return found;
+    while (const dirent *e = readdir(proc)) {
+        char *end = nullptr;
+        const long pid = std::strtol(e->d_name, &end, 10);
+        if (*end || pid <= 0) continue;
+        char target[4096];
+        const std::string link = std::string("/proc/") + e->d_name + "/cwd";
+        const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+        if (n <= 0) continue;
+        std::string cwd(target, static_cast<size_t>(n));
+        // A directory removed since shows as "PATH (deleted)".
+        const std::string deleted = " (deleted)";
+        if (cwd.size() > deleted.size() && cwd.ends_with(deleted))
+            cwd.resize(cwd.size() - deleted.size());
+        if (cwd != root && !cwd.starts_with(root + "/")) continue;
+        const char state = stateOf(static_cast<pid_t>(pid));
+        if (state != 0 && state != 'Z') found.push_back(static_cast<pid_t>(pid));
+    }
+    closedir(proc);
+    return found;
+}
+
+void killProcessesIn(const std::string &dir) {
+    for (int round = 0; round < 3; round++) {
+        const auto pids = processesIn(dir);
+        if (pids.empty()) return;
+        for (pid_t p : pids) kill(p, SIGKILL);
+        for (int i = 0; i < 500; i++) {
+            if (std::all_of(pids.begin(), pids.end(), [](pid_t p) {
+                    const char state = stateOf(p);
+                    return state == 0 || state == 'Z';
+                }))
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+}
+
 TempDir::TempDir() {
     const char *base = std::getenv("TMPDIR");
     std::string tmpl = std::string(base && *base ? base : "/tmp") + "/qmtest.XXXXXX";
@@ -20,6 +83,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+    killProcessesIn(path_);
     std::error_code ec;
     // Tests may leave directories without permissions behind; give them back
     // so the tree can be removed.

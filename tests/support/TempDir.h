@@ -4,6 +4,8 @@
 
 #include <filesystem>
 #include <string>
+#include <sys/types.h>
+#include <vector>
 #include <string_view>
 
 namespace testsupport {
@@ -11,6 +13,8 @@ namespace testsupport {
 class TempDir {
   public:
     TempDir();
+    // Kills whatever still runs inside the tree (a server a test started and
+    // could not stop), then removes the tree.
     ~TempDir();
     TempDir(const TempDir &) = delete;
     TempDir &operator=(const TempDir &) = delete;
@@ -22,6 +26,14 @@ class TempDir {
   private:
     std::string path_;
 };
+
+// The processes still running (zombies left out) whose working directory is
+// `dir` or lies under it: the servers started there, whoever started them.
+std::vector<pid_t> processesIn(const std::string &dir);
+
+// Kills (SIGKILL) every process processesIn(dir) finds, so that no server a
+// test started outlives it, and waits until they have ended.
+void killProcessesIn(const std::string &dir);
 
 // Writes bytes to a file, replacing it.
 void writeFile(const std::string &path, std::string_view bytes);

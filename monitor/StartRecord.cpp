@@ -1,0 +1,270 @@
+#include "StartRecord.h"
+
+#include "Log.h"
+#include "ProcessHandle.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <climits>
+#include <thread>
+#include <unistd.h>
+
+namespace quendral {
+
+namespace {
+
+// Whether `path` is a directory of ours that nobody else may write: ours
+// to trust with records. A directory of ours with looser bits is tightened.
+bool ownPrivateDirectory(const std::string &path, std::string &error) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        error = path + " is not a directory";
+        return false;
+    }
+    if (st.st_uid != geteuid()) {
+        error = path + " belongs to another user";
+        return false;
+    }
+    if ((st.st_mode & 077) != 0 && chmod(path.c_str(), 0700) != 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// Whether the runtime directory is one we may keep private files in: ours,
+// and writable by nobody else. After "sudo -E" it may be another user's.
+bool usableRuntimeDirectory(const char *dir) {
+    if (!dir || dir[0] != '/') return false;
+    struct stat st;
+    return stat(dir, &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == geteuid() &&
+           (st.st_mode & 022) == 0;
+}
+
+std::optional<std::string> findDirectory(const char *runtime, std::string &error) {
+    std::string dir;
+    if (usableRuntimeDirectory(runtime)) {
+        dir = std::string(runtime) + "/quendral-monitor";
+    } else {
+        // Anyone may create names in /tmp: the directory is used only if it
+        // turns out to be ours and private, whoever made it first.
+        dir = "/tmp/quendral-monitor-" + std::to_string(geteuid());
+    }
+    if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+        error = dir + ": " + std::strerror(errno);
+        return std::nullopt;
+    }
+    if (!ownPrivateDirectory(dir, error)) return std::nullopt;
+    return dir;
+}
+
+std::optional<LaunchedProcess> readRecordFd(int fd) {
+    struct stat st;
+    char buf[64];
+    ssize_t n = -1;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        do n = pread(fd, buf, sizeof buf - 1, 0);
+        while (n < 0 && errno == EINTR);
+    }
+    if (n <= 0) return std::nullopt;
+    buf[n] = '\0';
+    long pid = 0;
+    unsigned long long ticks = 0;
+    if (std::sscanf(buf, "%ld %llu", &pid, &ticks) != 2 || pid <= 0 || pid > INT32_MAX)
+        return std::nullopt;
+    return LaunchedProcess{static_cast<pid_t>(pid), ticks};
+}
+
+int openRecord(const std::string &path, int flags) {
+    return open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
+}
+
+// The pid and its start time together name one process for good: a process
+// that took the pid later began later. An ended one is void.
+bool isLive(const LaunchedProcess &p) {
+    const auto stat = readProcessStat(p.pid);
+    return stat && !hasEnded(stat->state) && stat->startTicks == p.startTicks;
+}
+
+// Whether the descriptor, locked, is still the file at `path`: a front end
+// that removed the record between our open and our lock leaves us holding a
+// file nobody else will ever lock.
+bool stillThere(int fd, const std::string &path) {
+    struct stat held, named;
+    return fstat(fd, &held) == 0 && stat(path.c_str(), &named) == 0 &&
+           held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+// Removes the record at `path` if, under its lock, it is void or names
+// `launched`. Never waits for the lock: whoever holds it is deciding a start
+// and will leave a record of its own.
+void removeRecordIf(const std::string &path, const std::optional<LaunchedProcess> &launched) {
+    const int fd = openRecord(path, O_RDWR);
+    if (fd < 0) return;
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0 && stillThere(fd, path)) {
+        const auto record = readRecordFd(fd);
+        const bool ours = record && launched && record->pid == launched->pid &&
+                          record->startTicks == launched->startTicks;
+        if (!record || ours || !isLive(*record)) unlink(path.c_str());
+    }
+    close(fd);
+}
+
+} // namespace
+
+std::optional<std::string> startRecordDirectory(std::string *error) {
+    // Found once per runtime directory: the environment rarely changes, and
+    // a refresh should not pay a mkdir and an lstat each time.
+    static std::string cachedFor;
+    static bool cached = false;
+    static std::optional<std::string> dir;
+    static std::string why;
+    const char *runtime = std::getenv("XDG_RUNTIME_DIR");
+    const std::string key = runtime ? runtime : std::string(1, '\0');
+    if (!cached || key != cachedFor) {
+        why.clear();
+        dir = findDirectory(runtime, why);
+        cachedFor = key;
+        cached = true;
+    }
+    if (!dir && error) *error = why;
+    return dir;
+}
+
+std::string startRecordPath(const std::string &instanceDirectory, std::string *error) {
+    std::string why;
+    const auto dir = startRecordDirectory(&why);
+    if (!dir) {
+        if (error) *error = why;
+        return {};
+    }
+    struct stat st;
+    if (stat(instanceDirectory.c_str(), &st) != 0) {
+        if (error) *error = instanceDirectory + ": " + std::strerror(errno);
+        return {};
+    }
+    char name[64];
+    std::snprintf(name, sizeof name, "/%llx-%llx", static_cast<unsigned long long>(st.st_dev),
+                  static_cast<unsigned long long>(st.st_ino));
+    return *dir + name;
+}
+
+std::optional<LaunchedProcess> liveStartRecord(const std::string &directory) {
+    const std::string path = startRecordPath(directory);
+    if (path.empty()) return std::nullopt;
+    const int fd = openRecord(path, O_RDONLY);
+    if (fd < 0) return std::nullopt;
+    const auto record = readRecordFd(fd);
+    close(fd);
+    if (record && isLive(*record)) return record;
+    // Void: its start ended without anyone concluding it (the front end was
+    // killed). It is removed so that records do not pile up.
+    removeRecordIf(path, std::nullopt);
+    return std::nullopt;
+}
+
+void forgetStartRecord(const std::string &directory, const LaunchedProcess &launched) {
+    const std::string path = startRecordPath(directory);
+    if (!path.empty()) removeRecordIf(path, launched);
+}
+
+StartLock::StartLock(const std::string &directory) {
+    recordPath_ = startRecordPath(directory, &error_);
+    if (recordPath_.empty()) return;
+    // Another front end holds it only to check and fork; one that holds it
+    // longer is stopped or hung, and the monitor must not hang with it.
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitLimitMs);
+    for (;;) {
+        if (fd_ < 0) fd_ = openRecord(recordPath_, O_RDWR | O_CREAT);
+        if (fd_ < 0) {
+            error_ = recordPath_ + ": " + std::strerror(errno);
+            return;
+        }
+        if (flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+            if (stillThere(fd_, recordPath_)) {
+                state_ = Held;
+                sweepVoidRecords();
+                return;
+            }
+            // Removed while we waited: lock the file that stands there now.
+            close(fd_);
+            fd_ = -1;
+            continue;
+        }
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            error_ = recordPath_ + ": " + std::strerror(errno);
+            return;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            state_ = Busy;
+            error_ = "another start of it is being decided";
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+void StartLock::sweepVoidRecords() const {
+    // Records of starts that concluded where no front end saw them conclude
+    // (a server that ran and ended unobserved, an instance directory that
+    // was removed) are void; a start is rare enough to tidy them up here.
+    const std::string dir = recordPath_.substr(0, recordPath_.rfind('/'));
+    DIR *d = opendir(dir.c_str());
+    if (!d) return;
+    const std::string own = recordPath_.substr(dir.size() + 1);
+    int budget = 256; // a start never waits on a directory of leftovers
+    while (const dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.' || own == e->d_name) continue;
+        if (budget-- == 0) break;
+        removeRecordIf(dir + "/" + e->d_name, std::nullopt);
+    }
+    closedir(d);
+}
+
+StartLock::~StartLock() {
+    // A lock taken for a start that did not happen leaves no file behind;
+    // one holding another front end's live record keeps it.
+    if (state_ == Held) {
+        const auto record = readRecordFd(fd_);
+        if (!record || !isLive(*record)) unlink(recordPath_.c_str());
+    }
+    // Closing the descriptor releases the lock.
+    if (fd_ >= 0) close(fd_);
+}
+
+std::optional<LaunchedProcess> StartLock::record(pid_t pid) {
+    if (state_ != Held) return std::nullopt;
+    const auto stat = readProcessStat(pid);
+    if (!stat) {
+        logMessage("cannot record the start of %@: the launched process is gone", {recordPath_});
+        return std::nullopt;
+    }
+    // Always the same length, written in one piece at the start of the file:
+    // a reader without the lock sees the whole record.
+    char text[48];
+    const int len = std::snprintf(text, sizeof text, "%20ld %20llu\n", static_cast<long>(pid),
+                                  stat->startTicks);
+    ssize_t n;
+    do n = pwrite(fd_, text, static_cast<size_t>(len), 0);
+    while (n < 0 && errno == EINTR);
+    if (n != len) {
+        logMessage("cannot record the start of %@: %@",
+                   {recordPath_, n < 0 ? std::strerror(errno) : "short write"});
+        return std::nullopt;
+    }
+    return LaunchedProcess{pid, stat->startTicks};
+}
+
+} // namespace quendral

@@ -1,0 +1,98 @@
+// A start in progress, known to every front end of the user.
+//
+// Starting is a fact about the instance, not about the process that launched
+// the server. A slow server writes its lock file late; until then only the
+// launching process knew, so a second quendralctl, the tray or a script saw
+// the instance stopped and launched a second server on the same directory.
+// Now the front end that launches a server leaves a record naming the
+// launched process (its pid and when it began, in clock ticks after boot),
+// and every refresh that finds no live writer in the lock file reads it.
+//
+// Deciding that an instance is stopped and launching its server happen while
+// one StartLock is held: an exclusive lock on the instance's record, so two
+// front ends never both pass the check. The lock is held for the check and the
+// fork only, never while a server runs.
+//
+// Where records live: "quendral-monitor" in $XDG_RUNTIME_DIR when that is a
+// directory of ours, else "/tmp/quendral-monitor-UID"; either must be a
+// directory of ours, mode 0700, not a link, or no record is kept (one log
+// line says why, and starts go ahead as they did before records existed).
+// A record is named after the instance directory's device and inode, so every
+// path to one directory (a link, "./x", "x/") meets one record.
+//
+// A record is void once the process it names has ended (a zombie has ended)
+// or its pid belongs to another process (the start time differs); a void
+// record found by a refresh is removed. So it never outlives the launch, and
+// a front end killed at any point leaves nothing that blocks a later start
+// once its server has ended. The record file is its own lock (flock); it is
+// opened close-on-exec, and the launched child closes every descriptor before
+// anything else, so no server inherits it.
+//
+// Across users the server's own lock file stays the only arbiter: records are
+// private to each user.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace quendral {
+
+struct LaunchedProcess {
+    pid_t pid = 0;
+    unsigned long long startTicks = 0;
+};
+
+// The live launched process that a record names for `directory`, or nullopt
+// when there is no record, it is void, or records cannot be kept. Takes no
+// lock: a record is written in one piece of fixed length. Costs one stat and
+// one failed open when there is no record. A void record is removed.
+std::optional<LaunchedProcess> liveStartRecord(const std::string &directory);
+
+// Removes `directory`'s record if it names `launched` or is void: that start
+// has concluded. Does nothing while another front end holds the lock.
+void forgetStartRecord(const std::string &directory, const LaunchedProcess &launched);
+
+class StartLock {
+  public:
+    // Takes the exclusive lock for `directory`'s record, waiting at most
+    // kWaitLimitMs for a front end that holds it (it holds it for a fork).
+    explicit StartLock(const std::string &directory);
+    ~StartLock();
+    StartLock(const StartLock &) = delete;
+    StartLock &operator=(const StartLock &) = delete;
+
+    enum State {
+        Held,        // the lock is ours until destruction
+        Unavailable, // records cannot be kept here (error() says why)
+        Busy,        // another front end held it for longer than the limit
+    };
+    State state() const { return state_; }
+    const std::string &error() const { return error_; }
+
+    // Under the lock: records `pid`, just launched, as the instance's start,
+    // and returns what it recorded. A failure is logged and gives nullopt;
+    // the start stands (the launching front end still knows its child).
+    std::optional<LaunchedProcess> record(pid_t pid);
+
+    static constexpr int kWaitLimitMs = 2000;
+
+  private:
+    void sweepVoidRecords() const;
+
+    State state_ = Unavailable;
+    std::string error_;
+    std::string recordPath_;
+    int fd_ = -1; // the record file, locked while Held
+};
+
+// The directory holding the records (created when missing), or nullopt with
+// `error` set when none that is safely ours can be had. For tests and
+// diagnostics.
+std::optional<std::string> startRecordDirectory(std::string *error = nullptr);
+// Where the record of `directory` (links followed) is kept: the directory
+// of records, then "/<device>-<inode>" in hex; empty, with `error` set, when
+// there is none.
+std::string startRecordPath(const std::string &directory, std::string *error = nullptr);
+
+} // namespace quendral

@@ -1,0 +1,210 @@
+// A start in progress seen by every instance object of the user, through the
+// start record: real slow servers, real processes named by hand-made
+// records, and the records' files on disk.
+#include "ModelTestUtil.h"
+#include "StartRecord.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace testsupport;
+using namespace quendral;
+namespace fs = std::filesystem;
+
+namespace {
+
+class StartRecordTest : public ::testing::Test, protected DemoInstallationFixture {
+  protected:
+    ScopedEnv slow{"QUENDRAL_DEMO_START_DELAY_MS", "1500"};
+    std::string record = startRecordPath(instDir);
+
+    void writeRecord(pid_t pid, unsigned long long ticks) {
+        writeFile(record, std::to_string(pid) + " " + std::to_string(ticks) + "\n");
+    }
+    unsigned long long ticksOf(pid_t pid) {
+        const auto stat = readProcessStat(pid);
+        EXPECT_TRUE(stat.has_value());
+        return stat ? stat->startTicks : 0;
+    }
+};
+
+TEST_F(StartRecordTest, RecordsLiveInAPrivateDirectoryOfTheUser) {
+    ASSERT_FALSE(record.empty());
+    const auto dir = startRecordDirectory();
+    ASSERT_TRUE(dir.has_value());
+    struct stat st;
+    ASSERT_EQ(lstat(dir->c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_uid, geteuid());
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+}
+
+TEST_F(StartRecordTest, AnotherObjectOfTheSameInstanceSeesTheStartAndCannotStartIt) {
+    ASSERT_TRUE(inst->startup());
+    QuendralInstance other(instDir);
+    other.refresh();
+    EXPECT_EQ(other.serverStatus(), ServerStatusStarting);
+    EXPECT_EQ(other.pid(), inst->pid());
+    EXPECT_FALSE(other.startup());
+    EXPECT_EQ(other.failureReason(), "it is already starting");
+    EXPECT_FALSE(other.shutdown()) << "a start in progress cannot be stopped";
+    EXPECT_EQ(other.failureReason(), "it is starting");
+    EXPECT_EQ(processesIn(instDir).size(), 1u);
+    // Both follow the start to its end.
+    EXPECT_TRUE(waitFor([&] {
+        inst->refresh();
+        other.refresh();
+        return inst->serverStatus() == ServerStatusRunning &&
+               other.serverStatus() == ServerStatusRunning;
+    })) << inst->serverStatus()
+        << " " << other.serverStatus() << " " << inst->pid() << " " << other.pid() << " "
+        << readFile(lck);
+    EXPECT_EQ(other.pid(), inst->pid());
+    EXPECT_FALSE(fs::exists(record)) << "a concluded start leaves no record";
+}
+
+TEST_F(StartRecordTest, TwoPathsToOneDirectoryMeetOneRecord) {
+    const std::string link = home / "alias";
+    fs::create_directory_symlink(instDir, link);
+    QuendralInstance viaLink(link + "/");
+    ASSERT_TRUE(viaLink.startup());
+    inst->refresh();
+    EXPECT_EQ(inst->serverStatus(), ServerStatusStarting);
+    EXPECT_FALSE(inst->startup());
+    EXPECT_EQ(processesIn(instDir).size(), 1u);
+}
+
+TEST_F(StartRecordTest, RecordNamingAProcessThatEndedIsVoidAndRemoved) {
+    ChildProcess gone({"true"});
+    const unsigned long long ticks = ticksOf(gone.pid());
+    waitpid(gone.pid(), nullptr, 0);
+    writeRecord(gone.pid(), ticks);
+    inst->refresh();
+    EXPECT_EQ(inst->serverStatus(), ServerStatusStopped);
+    EXPECT_FALSE(fs::exists(record));
+    EXPECT_TRUE(inst->startup());
+}
+
+TEST_F(StartRecordTest, RecordNamingAZombieIsVoid) {
+    // Ended but not collected, as an orphan waits for a slow init.
+    ChildProcess ended({"true"});
+    const unsigned long long ticks = ticksOf(ended.pid());
+    ASSERT_TRUE(waitFor([&] { return processState(ended.pid()) == 'Z'; }));
+    writeRecord(ended.pid(), ticks);
+    QuendralInstance other(instDir);
+    other.refresh();
+    EXPECT_EQ(other.serverStatus(), ServerStatusStopped);
+    EXPECT_EQ(processState(ended.pid()), 'Z') << "still a zombie while it was judged";
+}
+
+TEST_F(StartRecordTest, RecordWhosePidWasTakenByALaterProcessIsIgnored) {
+    // The recorded launch ended long ago; its pid now belongs to an
+    // unrelated process of ours that began later.
+    ChildProcess unrelated;
+    const unsigned long long ticks = ticksOf(unrelated.pid());
+    ASSERT_GT(ticks, 100u);
+    writeRecord(unrelated.pid(), ticks - 100);
+    inst->refresh();
+    EXPECT_EQ(inst->serverStatus(), ServerStatusStopped);
+    EXPECT_EQ(inst->pid(), 0);
+    EXPECT_FALSE(inst->shutdown());
+    EXPECT_TRUE(inst->startup()) << "a void record blocks nothing";
+    EXPECT_NE(inst->pid(), unrelated.pid());
+    const char state = processState(unrelated.pid());
+    EXPECT_TRUE(state != 0 && state != 'Z') << "never signalled";
+}
+
+TEST_F(StartRecordTest, RecordNamingALiveLaunchShowsStartingUntilItEnds) {
+    // A front end that launched this process and was killed since: the
+    // process is on its way for as long as it lives.
+    ChildProcess launched;
+    writeRecord(launched.pid(), ticksOf(launched.pid()));
+    inst->refresh();
+    EXPECT_EQ(inst->serverStatus(), ServerStatusStarting);
+    EXPECT_EQ(inst->pid(), launched.pid());
+    EXPECT_FALSE(inst->startup());
+    launched.killAndReap();
+    inst->refresh();
+    EXPECT_EQ(inst->serverStatus(), ServerStatusStopped);
+    EXPECT_FALSE(fs::exists(record));
+}
+
+TEST_F(StartRecordTest, StartingServerKilledIsStoppedForEveryone) {
+    ASSERT_TRUE(inst->startup());
+    QuendralInstance other(instDir);
+    other.refresh();
+    ASSERT_EQ(other.serverStatus(), ServerStatusStarting);
+    kill(inst->pid(), SIGKILL);
+    // Not collected yet: its parent (this test, as the launching front end)
+    // has not looked. Another front end sees it ended all the same.
+    ASSERT_TRUE(waitFor([&] { return processState(inst->pid()) == 'Z'; }));
+    other.refresh();
+    EXPECT_EQ(other.serverStatus(), ServerStatusStopped);
+    inst->refresh();
+    EXPECT_EQ(inst->serverStatus(), ServerStatusStopped);
+}
+
+TEST_F(StartRecordTest, NoRecordIsLeftWhenAStartIsRefused) {
+    ASSERT_TRUE(inst->startup());
+    ASSERT_TRUE(waitFor([&] {
+        inst->refresh();
+        return inst->serverStatus() == ServerStatusRunning;
+    }));
+    EXPECT_FALSE(inst->startup()) << "running";
+    EXPECT_FALSE(fs::exists(record));
+    ASSERT_TRUE(inst->shutdown());
+}
+
+TEST_F(StartRecordTest, ALockHeldElsewhereMakesAStartWaitThenGiveUp) {
+    // A front end stopped (SIGSTOP) while it decides a start holds the lock:
+    // a start here is refused after a bounded wait instead of hanging.
+    StartLock held(instDir);
+    ASSERT_EQ(held.state(), StartLock::Held);
+    const pid_t child = fork();
+    if (child == 0) {
+        QuendralInstance again(instDir);
+        _exit(again.startup()                                                   ? 1
+              : again.failureReason() == "another start of it is being decided" ? 0
+                                                                                : 2);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_TRUE(processesIn(instDir).empty());
+}
+
+TEST_F(StartRecordTest, TheServerInheritsNoRecordDescriptor) {
+    ASSERT_TRUE(inst->startup());
+    const pid_t pid = inst->pid();
+    ASSERT_TRUE(waitFor([&] {
+        inst->refresh();
+        return inst->serverStatus() == ServerStatusRunning;
+    }));
+    const std::string dir = *startRecordDirectory();
+    for (const auto &e : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code ec;
+        const std::string target = fs::read_symlink(e.path(), ec).string();
+        EXPECT_FALSE(target.starts_with(dir)) << target;
+    }
+    ASSERT_TRUE(inst->shutdown());
+}
+
+TEST_F(StartRecordTest, AnUnsafeRecordDirectoryStopsNoStart) {
+    // A runtime directory that is not ours: records go to the fallback
+    // under /tmp, and starts work as before.
+    TempDir other;
+    chmod(other.path().c_str(), 0777);
+    ScopedEnv runtime("XDG_RUNTIME_DIR", other.path());
+    const auto dir = startRecordDirectory();
+    ASSERT_TRUE(dir.has_value());
+    EXPECT_EQ(*dir, "/tmp/quendral-monitor-" + std::to_string(geteuid()));
+    EXPECT_TRUE(inst->startup());
+}
+
+} // namespace
