@@ -3,6 +3,7 @@
 // stat + open/read/close + kill(pid, 0).
 #include "BenchReport.h"
 #include "QuendralInstance.h"
+#include "StartRecord.h"
 
 #include <benchmark/benchmark.h>
 
@@ -18,7 +19,7 @@
 
 namespace {
 
-std::string workDir, instDir, lockPath;
+std::string workDir, instDir, lockPath, stoppedDir;
 pid_t server = -1;
 
 void setUp() {
@@ -35,6 +36,11 @@ void setUp() {
         execlp("sleep", "sleep", "1000", static_cast<char *>(nullptr));
         _exit(127);
     }
+    stoppedDir = workDir + "/stopped";
+    std::filesystem::create_directories(stoppedDir);
+    f = std::fopen((stoppedDir + "/quendral.ini").c_str(), "w");
+    std::fputs("[database]\n", f);
+    std::fclose(f);
     lockPath = instDir + "/quendral.lck";
     f = std::fopen(lockPath.c_str(), "w");
     std::fprintf(f, "%ld\n", static_cast<long>(server));
@@ -55,6 +61,23 @@ void BM_RefreshReadingLockFile(benchmark::State &state) {
     if (inst.serverStatus() != ServerStatusRunning) std::abort();
 }
 
+// A stopped instance: no lock file, so the start record is looked up (a
+// start by another front end may be on its way) and the configuration's
+// date checked.
+void BM_RefreshStopped(benchmark::State &state) {
+    QuendralInstance inst(stoppedDir);
+    inst.refresh();
+    if (inst.serverStatus() != ServerStatusStopped) std::abort();
+    for (auto _ : state) inst.refresh();
+    if (inst.serverStatus() != ServerStatusStopped) std::abort();
+}
+
+// The start record's part of it: a stat of the directory and an open that
+// finds nothing.
+void BM_StartRecordLookup(benchmark::State &state) {
+    for (auto _ : state) benchmark::DoNotOptimize(quendral::liveStartRecord(stoppedDir));
+}
+
 // The floor: the system calls any such refresh needs.
 void BM_RefreshFloor(benchmark::State &state) {
     char buf[64];
@@ -69,6 +92,8 @@ void BM_RefreshFloor(benchmark::State &state) {
 }
 
 BENCHMARK(BM_RefreshReadingLockFile)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_RefreshStopped)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_StartRecordLookup)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_RefreshFloor)->Repetitions(5)->ReportAggregatesOnly(true);
 
 } // namespace
@@ -82,12 +107,20 @@ int main(int argc, char **argv) {
     std::filesystem::remove_all(workDir);
     if (!ran) return 2;
     const double refresh = reporter.secondsPerIteration("BM_RefreshReadingLockFile");
+    const double stopped = reporter.secondsPerIteration("BM_RefreshStopped");
+    const double record = reporter.secondsPerIteration("BM_StartRecordLookup");
     const double floor = reporter.secondsPerIteration("BM_RefreshFloor");
     std::printf("\nInstance refresh, ratios measured in this run (medians of 5):\n");
-    std::printf("  refresh %.2f us, floor %.2f us\n", refresh * 1e6, floor * 1e6);
+    std::printf("  refresh %.2f us, stopped %.2f us (start record %.2f us), floor %.2f us\n",
+                refresh * 1e6, stopped * 1e6, record * 1e6, floor * 1e6);
     bool ok = true;
     if (refresh > 0 && floor > 0)
         ok = bench::printRatio("refresh (lock file read + probe) vs bare system calls",
                                refresh / floor, 1.5, false);
+    if (stopped > 0 && floor > 0)
+        ok = bench::printRatio("refresh of a stopped instance (start record included) vs bare "
+                               "system calls",
+                               stopped / floor, 1.5, false) &&
+             ok;
     return ok ? 0 : 1;
 }

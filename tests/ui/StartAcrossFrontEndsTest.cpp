@@ -28,8 +28,8 @@ TEST_F(StartAcrossFrontEnds, TheMenuShowsAStartMadeByQuendralctlAndOffersNoStart
     EXPECT_FALSE(menu()->actions().at(0)->isEnabled());
     EXPECT_FALSE(texts.contains("Start Default Instance"));
     // The menu follows that start to its end while open.
-    EXPECT_TRUE(spinUntil([&] { return menuTexts(menu()).at(0) == "Stop Default Instance"; },
-                          10000))
+    EXPECT_TRUE(
+        spinUntil([&] { return menuTexts(menu()).at(0) == "Stop Default Instance"; }, 10000))
         << menuTexts(menu()).join(" | ").toStdString();
     closeMenu();
 }
