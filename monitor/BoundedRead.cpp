@@ -22,6 +22,7 @@ BoundedRead readBounded(const std::string &path, size_t limit) {
             r.status = BoundedRead::Missing;
         } else {
             r.error = std::strerror(err);
+            r.errorNumber = err;
         }
         return r;
     }
@@ -41,6 +42,7 @@ BoundedRead readBounded(const std::string &path, size_t limit) {
         const ssize_t n = read(fd, r.text.data() + got, want - got);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
+            r.errorNumber = errno;
             r.error = std::strerror(errno);
             close(fd);
             r.text.clear();
@@ -54,6 +56,9 @@ BoundedRead readBounded(const std::string &path, size_t limit) {
     r.text.resize(got);
     r.status = BoundedRead::Ok;
     r.mtime = st.st_mtim;
+    r.owner = st.st_uid;
+    r.device = st.st_dev;
+    r.inode = st.st_ino;
     r.complete = got < limit || (got == size && size <= limit);
     return r;
 }

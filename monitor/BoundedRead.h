@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <ctime>
 #include <string>
+#include <sys/types.h>
 
 namespace quendral {
 
@@ -22,6 +23,10 @@ struct BoundedRead {
     std::string error;
     bool complete = false; // Ok and the whole file fit within the limit
     timespec mtime{};      // Ok: when the file was last modified
+    uid_t owner = 0;       // Ok: who owns the file
+    dev_t device = 0;      // Ok: the file's identity, device and inode
+    ino_t inode = 0;
+    int errorNumber = 0; // Failed: the errno behind error
 };
 
 BoundedRead readBounded(const std::string &path, size_t limit);

@@ -6,19 +6,33 @@
 
 #include <cstdlib>
 #include <climits>
+#include <string_view>
 #include <unistd.h>
 
 namespace quendral {
 
 namespace {
 
-// dir in front of the variable's old value, or dir alone when it was unset.
+std::optional<rlimit> foundLimit;
+
+// dir in front of the variable's old value. An empty entry in a search list
+// means the current directory, and a server runs in its instance directory:
+// so the list never gains one, neither from an empty old value (which would
+// leave "dir:") nor by keeping the old value's empty entries.
 void prependToVariable(const char *name, const std::string &dir) {
-    const char *old = std::getenv(name);
     std::string value = dir;
-    if (old) {
-        value += ':';
-        value += old;
+    if (const char *old = std::getenv(name)) {
+        std::string_view rest = old;
+        while (!rest.empty()) {
+            const size_t colon = rest.find(':');
+            const std::string_view entry = rest.substr(0, colon);
+            if (!entry.empty()) {
+                value += ':';
+                value += entry;
+            }
+            if (colon == std::string_view::npos) break;
+            rest.remove_prefix(colon + 1);
+        }
     }
     setenv(name, value.c_str(), 1);
 }
@@ -30,7 +44,21 @@ void setIfUnsetAndFileExists(const char *name, const std::string &file) {
 
 } // namespace
 
+void raiseDescriptorLimit() {
+    rlimit rl{};
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return;
+    if (!foundLimit) foundLimit = rl;
+    if (rl.rlim_cur >= rl.rlim_max) return;
+    rl.rlim_cur = rl.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &rl);
+}
+
+std::optional<rlimit> originalDescriptorLimit() {
+    return foundLimit;
+}
+
 std::string setupGlobalEnvironment(QuendralManager &manager, const std::string &bundlePath) {
+    raiseDescriptorLimit();
     std::string home;
     if (const char *env = std::getenv("QUENDRAL_HOME"); env && *env) {
         const std::string resolved = path::resolveSymlinks(env);

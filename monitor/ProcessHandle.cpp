@@ -7,6 +7,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
@@ -23,6 +25,16 @@ int pidfdOpen(pid_t pid) {
     errno = ENOSYS;
     return -1;
 #endif
+}
+
+// The soft descriptor limit, read once: it is set at program start.
+long descriptorLimit() {
+    static const long limit = [] {
+        rlimit rl{};
+        if (getrlimit(RLIMIT_NOFILE, &rl) != 0 || rl.rlim_cur == RLIM_INFINITY) return 1L << 20;
+        return static_cast<long>(rl.rlim_cur);
+    }();
+    return limit;
 }
 
 int pidfdSendSignal(int fd, int sig) {
@@ -72,6 +84,34 @@ std::optional<ProcessStat> readProcessStat(pid_t pid) {
     return stat;
 }
 
+std::optional<uid_t> processUser(pid_t pid) {
+    if (pid <= 0) return std::nullopt;
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%d", static_cast<int>(pid));
+    // /proc/PID belongs to the process's effective user, unless the process
+    // made itself non-dumpable: then it shows as root's, and only its status
+    // file tells the truth.
+    struct stat st;
+    if (stat(path, &st) != 0) return std::nullopt;
+    if (st.st_uid != 0) return st.st_uid;
+    std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    char buf[4096];
+    ssize_t n;
+    do n = read(fd, buf, sizeof buf - 1);
+    while (n < 0 && errno == EINTR);
+    ::close(fd);
+    if (n <= 0) return std::nullopt;
+    buf[n] = '\0';
+    // "Uid:\treal\teffective\tsaved\tfilesystem"
+    const char *line = std::strstr(buf, "\nUid:");
+    if (!line) return std::nullopt;
+    unsigned long real = 0, effective = 0;
+    if (std::sscanf(line + 5, "%lu %lu", &real, &effective) != 2) return std::nullopt;
+    return static_cast<uid_t>(effective);
+}
+
 std::optional<timespec> processStartTime(pid_t pid) {
     if (pid <= 0) return std::nullopt;
     const std::optional<ProcessStat> stat = readProcessStat(pid);
@@ -118,6 +158,10 @@ ProcessHandle::ProcessHandle(pid_t pid) : pid_(pid > 0 ? pid : 0) {
     // after the time was read, that time is its own and not that of a
     // process which took the pid in between.
     fd_ = pidfdOpen(pid_);
+    if (fd_ >= 0 && fd_ >= descriptorLimit() - kDescriptorReserve) {
+        ::close(fd_);
+        fd_ = -1;
+    }
     if (const auto stat = readProcessStat(pid_)) {
         startTicks_ = stat->startTicks;
         start_ = startTimeFromTicks(stat->startTicks);
@@ -134,7 +178,8 @@ ProcessHandle::ProcessHandle(ProcessHandle &&other) noexcept
     : pid_(std::exchange(other.pid_, 0)), fd_(std::exchange(other.fd_, -1)),
       ours_(std::exchange(other.ours_, false)),
       startTicks_(std::exchange(other.startTicks_, std::nullopt)),
-      start_(std::exchange(other.start_, std::nullopt)) {}
+      start_(std::exchange(other.start_, std::nullopt)),
+      user_(std::exchange(other.user_, std::nullopt)) {}
 
 ProcessHandle &ProcessHandle::operator=(ProcessHandle &&other) noexcept {
     if (this != &other) {
@@ -144,6 +189,7 @@ ProcessHandle &ProcessHandle::operator=(ProcessHandle &&other) noexcept {
         ours_ = std::exchange(other.ours_, false);
         startTicks_ = std::exchange(other.startTicks_, std::nullopt);
         start_ = std::exchange(other.start_, std::nullopt);
+        user_ = std::exchange(other.user_, std::nullopt);
     }
     return *this;
 }
@@ -178,6 +224,11 @@ bool ProcessHandle::alive() const {
     if (!stat) return true;
     if (hasEnded(stat->state)) return false;
     return !startTicks_ || *startTicks_ == stat->startTicks;
+}
+
+std::optional<uid_t> ProcessHandle::user() const {
+    if (!user_) user_ = processUser(pid_);
+    return *user_;
 }
 
 bool ProcessHandle::couldHaveWritten(const timespec &mtime) const {

@@ -30,6 +30,10 @@ inline bool hasEnded(char state) {
     return state == 'Z' || state == 'X' || state == 'x';
 }
 
+// The effective user a process runs as, or nullopt where the system does not
+// say (no such process, or /proc hiding it from us).
+std::optional<uid_t> processUser(pid_t pid);
+
 // When a process began, as wall-clock time, or nullopt where the system does
 // not say (no /proc, or /proc mounted so that another user's processes are
 // hidden from us).
@@ -45,6 +49,10 @@ bool couldHaveWritten(const std::optional<timespec> &start, const timespec &mtim
 
 class ProcessHandle {
   public:
+    // Descriptors below the limit that pidfds leave free: a program holding
+    // hundreds of servers must still be able to open a lock file.
+    static constexpr int kDescriptorReserve = 64;
+
     ProcessHandle() = default;
     // Holds whichever process has this pid now (none for pid <= 0), and
     // reads its start time.
@@ -69,20 +77,25 @@ class ProcessHandle {
     // When the held process began, in clock ticks after boot (see
     // ProcessStat), or nullopt where the system does not say.
     std::optional<unsigned long long> startTicks() const { return startTicks_; }
+    // The effective user the held process runs as (see processUser), read
+    // when first asked.
+    std::optional<uid_t> user() const;
 
   private:
     void close();
 
     pid_t pid_ = 0;
-    // A pidfd; -1 where the kernel has none (before Linux 5.3) or none could
-    // be opened (descriptor limit). Then the plain pid is used, as it was
-    // before pidfds existed.
+    // A pidfd; -1 where the kernel has none (before Linux 5.3), none could
+    // be opened, or it would have taken one of the last descriptors the
+    // process may open (kDescriptorReserve). Then the pid is probed with its
+    // start time, as it was before pidfds existed.
     int fd_ = -1;
     // Whether we may signal it at all (not another user's process): asked
     // once, so that a probe is one system call.
     bool ours_ = false;
     std::optional<unsigned long long> startTicks_;
     std::optional<timespec> start_;
+    mutable std::optional<std::optional<uid_t>> user_;
 };
 
 } // namespace quendral

@@ -1,6 +1,7 @@
 #include "QuendralInstance.h"
 
 #include "BoundedRead.h"
+#include "Environment.h"
 #include "ExecutableTrust.h"
 #include "Localization.h"
 #include "Log.h"
@@ -114,6 +115,15 @@ QuendralInstance::LockFileContent QuendralInstance::readLockFile() {
             lock.error = "the file is not ASCII text";
         break;
     case BoundedRead::Failed:
+        if (lock.errorNumber == EMFILE || lock.errorNumber == ENFILE ||
+            lock.errorNumber == ENOMEM) {
+            // Not an answer about the server: the file is there, we could
+            // not look. Taking it for "no server" would offer a second start.
+            logMessage("Error reading %@: %@", {*_lckFile, lock.error});
+            LockFileContent unknown;
+            unknown.unreadable = true;
+            return unknown;
+        }
         break;
     }
     if (!lock.error.empty()) {
@@ -138,7 +148,43 @@ QuendralInstance::LockFileContent QuendralInstance::readLockFile() {
         logMessage("Malformed .lck file %@", {*_lckFile});
         return {};
     }
-    return {lockPid, lock.mtime};
+    LockFileContent content;
+    content.pid = lockPid;
+    content.version = {lock.device, lock.inode, lock.mtime};
+    content.owner = lock.owner;
+    return content;
+}
+
+bool QuendralInstance::writtenBy(const LockFileContent &lock, const ProcessHandle &process) const {
+    // Init and this program are never an instance's server, whatever a file
+    // says: stopping them would end the system or the monitor.
+    if (lock.pid == 1 || lock.pid == getpid()) return false;
+    // Whoever can write the lock file can name any pid in it; it speaks only
+    // for a process of the user who owns it (root's file for root's process),
+    // so it can never turn another user's process into the server, even for
+    // a monitor run as root. Where the system hides who runs a process, the
+    // process cannot be shown to be the owner's.
+    const std::optional<uid_t> user = process.user();
+    if (!user || *user != lock.owner) return false;
+    const LaunchedProcess identity{process.pid(), process.startTicks().value_or(0)};
+    if (process.couldHaveWritten(lock.version.mtime)) {
+        if (process.startTicks()) rememberLockWriter(lock.version, identity);
+        return true;
+    }
+    // Begun after the file was written, as the wall clock reads now. Either
+    // the pid was reused after the writer ended, or the clock was stepped
+    // forward since the file was written. Start ticks and file identity do
+    // not move with the clock: a verdict made before the step still tells.
+    // So does the start record of the launch that this very process is: it
+    // was written just after the launch, so a lock file written no earlier
+    // (both times as the clock read then, before any later step) came from
+    // the launched server, not from an earlier one.
+    if (!process.startTicks()) return false;
+    if (isRememberedLockWriter(lock.version, identity)) return true;
+    const auto launched = liveStartRecord(_path);
+    return launched && launched->pid == identity.pid &&
+           launched->startTicks == identity.startTicks &&
+           quendral::couldHaveWritten(launched->recordedAt, lock.version.mtime);
 }
 
 bool QuendralInstance::isRunning(int32_t pid) {
@@ -175,16 +221,16 @@ void QuendralInstance::logStaleLockFile() const {
 
 bool QuendralInstance::lockFileConfirmsStart() {
     const LockFileContent lock = readLockFile();
-    if (lock.pid == 0) return false; // not written yet
+    if (lock.pid == 0) return false; // not written yet (or not readable now)
     if (lock.pid == _pid.pid()) {
-        if (_pid.couldHaveWritten(lock.mtime)) return true;
+        if (writtenBy(lock, _pid)) return true;
         // Older than the process we launched: an earlier server's file whose
         // pid the system has given to ours by chance.
         logStaleLockFile();
         return false;
     }
     ProcessHandle named(lock.pid);
-    if (!named.alive() || !named.couldHaveWritten(lock.mtime)) {
+    if (!named.alive() || !writtenBy(lock, named)) {
         // Left by an earlier server; ours has not written its own yet.
         logStaleLockFile();
         return false;
@@ -204,9 +250,17 @@ void QuendralInstance::refresh() {
         return;
     }
     const LockFileContent lock = readLockFile();
+    // Could not look: nothing is known of the server, and unknown is what
+    // the instance says (no one may start it, no one may stop it) until the
+    // file can be read again. Stopped would offer a second server.
+    if (lock.unreadable) {
+        _pid = ProcessHandle();
+        setStatus(ServerStatusUnknown);
+        return;
+    }
     _pid = ProcessHandle(lock.pid);
     if (lock.pid != 0) {
-        if (isRunning(lock.pid) && _pid.couldHaveWritten(lock.mtime)) {
+        if (isRunning(lock.pid) && writtenBy(lock, _pid)) {
             setStatus(ServerStatusRunning);
             return;
         }
@@ -245,6 +299,20 @@ bool QuendralInstance::canStart() const {
     return access(_path.c_str(), R_OK | W_OK) == 0;
 }
 
+namespace {
+
+std::optional<std::string> currentDirectory() {
+    std::string dir(256, '\0');
+    while (getcwd(dir.data(), dir.size()) == nullptr) {
+        if (errno != ERANGE || dir.size() > (1u << 20)) return std::nullopt;
+        dir.resize(dir.size() * 2);
+    }
+    dir.resize(std::strlen(dir.c_str()));
+    return dir;
+}
+
+} // namespace
+
 std::string QuendralInstance::findExecutable() const {
     // A candidate that exists is taken only if nobody else can have put it
     // there; one that fails is logged and the search goes on.
@@ -254,8 +322,19 @@ std::string QuendralInstance::findExecutable() const {
         if (why) logUntrusted(candidate, *why);
         return !why;
     };
-    if (const char *binary = std::getenv("QUENDRAL_BINARY"); binary && usable(binary))
-        return binary;
+    if (const char *binary = std::getenv("QUENDRAL_BINARY"); binary && *binary) {
+        // The server runs in its instance directory, so a relative name
+        // would be looked up there by exec, not where it was checked: it is
+        // made absolute once, against our own directory, and exactly that
+        // file is checked and started.
+        std::optional<std::string> absolute = binary;
+        if (!path::isAbsolute(binary)) {
+            const auto here = currentDirectory();
+            absolute = here ? std::optional(path::append(*here, binary)) : std::nullopt;
+            if (!absolute) logUntrusted(binary, "the current directory cannot be found");
+        }
+        if (absolute && usable(*absolute)) return *absolute;
+    }
     std::string inside = path::append(_path, "quendral");
     if (usable(inside)) return inside;
     std::string beside = path::append(_path, "../bin/quendral");
@@ -276,6 +355,7 @@ int32_t QuendralInstance::launchExecutable(const std::string &executable,
     const char *dir = directory.c_str();
     sigset_t none;
     sigemptyset(&none);
+    const std::optional<rlimit> descriptors = originalDescriptorLimit();
 
     const pid_t child = fork();
     if (child < 0) return 0;
@@ -290,8 +370,10 @@ int32_t QuendralInstance::launchExecutable(const std::string &executable,
     if (open("/dev/null", O_RDWR) != 0) _exit(1);
     dup2(0, 1);
     dup2(0, 2);
-    // A server must not inherit the monitor's blocked signals.
+    // A server must not inherit the monitor's blocked signals, nor the
+    // descriptor limit the monitor raised for itself.
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (descriptors) setrlimit(RLIMIT_NOFILE, &*descriptors);
     execvp(file, argv.data());
     _exit(1);
 }
@@ -302,7 +384,7 @@ bool QuendralInstance::startup() {
     // for every front end of the user: both happen under the instance's
     // start lock, and the launch is recorded before the lock is let go.
     StartLock lock(_path);
-    if (lock.state() == StartLock::Busy) {
+    if (lock.state() == StartLock::Busy || lock.state() == StartLock::Failed) {
         refresh();
         _failure = lock.error();
         return false;

@@ -188,10 +188,20 @@ class QuendralInstance {
 
   private:
     struct LockFileContent {
-        int32_t pid = 0;     // 0: no usable pid
-        timespec mtime = {}; // when the file was last written
+        int32_t pid = 0; // 0: no usable pid
+        // When and by whom the file was last written, and which file it is.
+        quendral::LockFileVersion version;
+        uid_t owner = 0;
+        // The file exists but could not be read for want of resources (no
+        // descriptor left, no memory): nothing can be said of the server.
+        bool unreadable = false;
     };
     LockFileContent readLockFile();
+    // The one place that decides whether `process` (alive) is the server the
+    // lock file speaks for: not PID 1 nor this program; running as the
+    // file's owner; and begun no later than the file was written (see
+    // couldHaveWritten), an answer that a clock step does not change.
+    bool writtenBy(const LockFileContent &lock, const quendral::ProcessHandle &process) const;
     // While starting: whether the lock file now names a live process that
     // could have written it (adopting it when it is another than the one we
     // launched).

@@ -83,7 +83,7 @@ std::optional<LaunchedProcess> readRecordFd(int fd) {
     unsigned long long ticks = 0;
     if (std::sscanf(buf, "%ld %llu", &pid, &ticks) != 2 || pid <= 0 || pid > INT32_MAX)
         return std::nullopt;
-    return LaunchedProcess{static_cast<pid_t>(pid), ticks};
+    return LaunchedProcess{static_cast<pid_t>(pid), ticks, st.st_mtim};
 }
 
 int openRecord(const std::string &path, int flags) {
@@ -179,6 +179,61 @@ void forgetStartRecord(const std::string &directory, const LaunchedProcess &laun
     if (!path.empty()) removeRecordIf(path, launched);
 }
 
+namespace {
+
+std::string writerMemoPath(const LockFileVersion &file) {
+    const auto dir = startRecordDirectory();
+    if (!dir) return {};
+    char name[80];
+    std::snprintf(name, sizeof name, "/w-%llx-%llx", static_cast<unsigned long long>(file.device),
+                  static_cast<unsigned long long>(file.inode));
+    return *dir + name;
+}
+
+// The memo's text: pid and start ticks first, as in a start record, so that
+// the sweep of void records also removes memos of processes that ended.
+std::string writerMemoText(const LockFileVersion &file, const LaunchedProcess &writer) {
+    char text[128];
+    std::snprintf(text, sizeof text, "%ld %llu %lld %ld\n", static_cast<long>(writer.pid),
+                  writer.startTicks, static_cast<long long>(file.mtime.tv_sec),
+                  static_cast<long>(file.mtime.tv_nsec));
+    return text;
+}
+
+std::string readSmallFile(const std::string &path) {
+    const int fd = openRecord(path, O_RDONLY);
+    if (fd < 0) return {};
+    char buf[128];
+    ssize_t n;
+    do n = read(fd, buf, sizeof buf);
+    while (n < 0 && errno == EINTR);
+    close(fd);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+}
+
+} // namespace
+
+void rememberLockWriter(const LockFileVersion &file, const LaunchedProcess &writer) {
+    const std::string path = writerMemoPath(file);
+    if (path.empty()) return;
+    const std::string text = writerMemoText(file, writer);
+    if (readSmallFile(path) == text) return; // the usual case: known already
+    // Written beside and renamed over: a reader sees one memo or the other.
+    const std::string temp = path + "." + std::to_string(getpid());
+    const int fd = openRecord(temp, O_WRONLY | O_CREAT | O_TRUNC);
+    if (fd < 0) return;
+    ssize_t n;
+    do n = write(fd, text.data(), text.size());
+    while (n < 0 && errno == EINTR);
+    const bool ok = close(fd) == 0 && n == static_cast<ssize_t>(text.size());
+    if (!ok || rename(temp.c_str(), path.c_str()) != 0) unlink(temp.c_str());
+}
+
+bool isRememberedLockWriter(const LockFileVersion &file, const LaunchedProcess &writer) {
+    const std::string path = writerMemoPath(file);
+    return !path.empty() && readSmallFile(path) == writerMemoText(file, writer);
+}
+
 StartLock::StartLock(const std::string &directory) {
     recordPath_ = startRecordPath(directory, &error_);
     if (recordPath_.empty()) return;
@@ -189,6 +244,7 @@ StartLock::StartLock(const std::string &directory) {
     for (;;) {
         if (fd_ < 0) fd_ = openRecord(recordPath_, O_RDWR | O_CREAT);
         if (fd_ < 0) {
+            state_ = Failed;
             error_ = recordPath_ + ": " + std::strerror(errno);
             return;
         }
@@ -204,6 +260,7 @@ StartLock::StartLock(const std::string &directory) {
             continue;
         }
         if (errno != EWOULDBLOCK && errno != EINTR) {
+            state_ = Failed;
             error_ = recordPath_ + ": " + std::strerror(errno);
             return;
         }
@@ -264,7 +321,7 @@ std::optional<LaunchedProcess> StartLock::record(pid_t pid) {
                    {recordPath_, n < 0 ? std::strerror(errno) : "short write"});
         return std::nullopt;
     }
-    return LaunchedProcess{pid, stat->startTicks};
+    return LaunchedProcess{pid, stat->startTicks, {}};
 }
 
 } // namespace quendral

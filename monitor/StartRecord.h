@@ -32,6 +32,7 @@
 // private to each user.
 #pragma once
 
+#include <ctime>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -41,6 +42,9 @@ namespace quendral {
 struct LaunchedProcess {
     pid_t pid = 0;
     unsigned long long startTicks = 0;
+    // When the record was written, just after the launch, as the wall clock
+    // read then (from the record's file; zero where not read from one).
+    timespec recordedAt{};
 };
 
 // The live launched process that a record names for `directory`, or nullopt
@@ -52,6 +56,24 @@ std::optional<LaunchedProcess> liveStartRecord(const std::string &directory);
 // Removes `directory`'s record if it names `launched` or is void: that start
 // has concluded. Does nothing while another front end holds the lock.
 void forgetStartRecord(const std::string &directory, const LaunchedProcess &launched);
+
+// One version of a lock file: which file, and when it was last written.
+struct LockFileVersion {
+    dev_t device = 0;
+    ino_t inode = 0;
+    timespec mtime{};
+};
+
+// A lock file's writer is judged by comparing when the process began with
+// when the file was last written, and both are read as wall-clock times.
+// When the clock is stepped (an NTP correction, a resumed virtual machine),
+// every process's start time moves against every file's time, and a running
+// server would look younger than its own lock file. So a verdict, once made,
+// is kept for the user's front ends beside the start records: this version
+// of the file was written by this very process (pid and start ticks, which
+// no clock step moves). A later look after a step finds it and keeps it.
+void rememberLockWriter(const LockFileVersion &file, const LaunchedProcess &writer);
+bool isRememberedLockWriter(const LockFileVersion &file, const LaunchedProcess &writer);
 
 class StartLock {
   public:
@@ -66,6 +88,8 @@ class StartLock {
         Held,        // the lock is ours until destruction
         Unavailable, // records cannot be kept here (error() says why)
         Busy,        // another front end held it for longer than the limit
+        Failed,      // the record could not be opened or locked (error() says
+                     // why): no start may be decided without it
     };
     State state() const { return state_; }
     const std::string &error() const { return error_; }

@@ -138,10 +138,21 @@ TEST_F(QuendralctlEnvironment, UnsetPathBecomesExactlyTheBinDirectory) {
     EXPECT_EQ(vars.at("PATH"), home + "/bin");
 }
 
-TEST_F(QuendralctlEnvironment, EmptyPathBecomesTheBinDirectoryAndALoneColon) {
+TEST_F(QuendralctlEnvironment, EmptyPathBecomesTheBinDirectoryAlone) {
+    // "bin:" would end in an empty entry: the current directory, which for a
+    // server is its instance directory.
     const std::string home = makeHome("q");
-    const auto vars = envOf("env PATH= QUENDRAL_HOME=" + shellQuote(home));
-    EXPECT_EQ(vars.at("PATH"), home + "/bin:");
+    const auto vars = envOf("env PATH= LD_LIBRARY_PATH= QUENDRAL_HOME=" + shellQuote(home));
+    EXPECT_EQ(vars.at("PATH"), home + "/bin");
+    EXPECT_EQ(vars.at("LD_LIBRARY_PATH"), home + "/lib");
+}
+
+TEST_F(QuendralctlEnvironment, PreparedSearchListsGainNoEmptyEntry) {
+    const std::string home = makeHome("q");
+    const auto vars = envOf("env PATH=:/usr/bin::/bin: LD_LIBRARY_PATH=/opt/l:: QUENDRAL_HOME=" +
+                            shellQuote(home));
+    EXPECT_EQ(vars.at("PATH"), home + "/bin:/usr/bin:/bin");
+    EXPECT_EQ(vars.at("LD_LIBRARY_PATH"), home + "/lib:/opt/l");
 }
 
 TEST_F(QuendralctlEnvironment, BinIsPrependedEvenWhenAlreadyOnThePath) {
