@@ -159,8 +159,9 @@ int32_t cfg_merge(TWK_CfgHandle *destination, const TWK_CfgHandle *source);
  * (creating, writing, flushing, closing or renaming: a full disk, a file-size
  * limit, an I/O error) the new file is removed, the file keeps its bytes,
  * and the handle keeps its entries, `dirty` and digest, so a later commit
- * writes the same edits. Only a regular file is written, or a missing one
- * created; a directory, FIFO or device in its place is a failure.
+ * writes the same edits. Only a regular file that the process may write is
+ * written, or a missing one created; a read-only file, or a directory, FIFO
+ * or device in its place, is a failure.
  *
  * What that costs: each commit gives the file a new inode. A hard link to
  * the file keeps the old text and is no longer the same file; programs that

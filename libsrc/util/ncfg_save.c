@@ -357,6 +357,15 @@ int cfg_save(const char *path, cfg_produce_fn produce, void *context) {
             errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
             return -1;
         }
+        /* The directory lets this process replace the file, but only the
+         * file's own permissions let it change the file: one it could not
+         * open for writing is left alone, as before there was a rename. */
+        if (faccessat(AT_FDCWD, target, W_OK, AT_EACCESS) != 0) {
+            const int e = errno;
+            free(target);
+            errno = e;
+            return -1;
+        }
         old = &st;
     } else if (errno != ENOENT) {
         const int e = errno;
