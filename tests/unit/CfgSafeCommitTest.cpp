@@ -233,6 +233,7 @@ TEST_F(CfgSafeCommit, ChainOfAbsoluteAndRelativeLinksIsFollowedToTheEnd) {
     fs::create_directories(dir / "a/b");
     const std::string target = dir / "a/b/t.ini";
     writeFile(target, kSixLines);
+    const ino_t before = statOf(target).st_ino;
     // first.ini -> (absolute) a/second.ini -> (relative, from a/) b/t.ini
     ASSERT_EQ(symlink("b/t.ini", (dir / "a/second.ini").c_str()), 0);
     ASSERT_EQ(symlink((dir / "a/second.ini").c_str(), (dir / "first.ini").c_str()), 0);
@@ -244,6 +245,7 @@ TEST_F(CfgSafeCommit, ChainOfAbsoluteAndRelativeLinksIsFollowedToTheEnd) {
     EXPECT_TRUE(isLink(dir / "first.ini"));
     EXPECT_TRUE(isLink(dir / "a/second.ini"));
     EXPECT_EQ(readFile(target), kEdited);
+    EXPECT_NE(statOf(target).st_ino, before);
     EXPECT_EQ(namesIn(dir / "a/b"), Names{"t.ini"});
     EXPECT_EQ(TWK_Cfg_refresh(h), 0) << "the digest is that of the target's new bytes";
 }
