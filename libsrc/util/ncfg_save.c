@@ -153,17 +153,13 @@ static char *follow_links(const char *path) {
  * crash. Best effort: the new file is complete either way, and some file
  * systems cannot flush a directory. */
 static void sync_dir_of(const char *path) {
+    /* "a/b/name" gives "a/b", "/name" gives "/", "name" gives ".". */
     const size_t dir = dir_prefix_len(path);
-    char *name = malloc(dir + 2);
+    const size_t len = dir > 1 ? dir - 1 : 1;
+    char *name = malloc(len + 1);
     if (name == NULL) return;
-    if (dir == 0)
-        strcpy(name, ".");
-    else if (dir == 1)
-        strcpy(name, "/");
-    else {
-        memcpy(name, path, dir - 1);
-        name[dir - 1] = '\0';
-    }
+    memcpy(name, dir == 0 ? "." : path, len);
+    name[len] = '\0';
     const int fd = open(name, O_RDONLY | O_DIRECTORY | O_NOCTTY | O_CLOEXEC);
     free(name);
     if (fd < 0) return;
@@ -203,12 +199,9 @@ static int create_temp(const char *target, mode_t mode, char **tmpOut) {
     const size_t cap = dir + 1 + baseLen + 1 + 16 + 1;
     char *tmp = malloc(cap);
     if (tmp == NULL) return -1;
-    memcpy(tmp, target, dir);
-    tmp[dir] = '.';
-    memcpy(tmp + dir + 1, base, baseLen);
-    char *suffix = tmp + dir + 1 + baseLen;
     for (int attempt = 0; attempt < 100; attempt++) {
-        snprintf(suffix, 1 + 16 + 1, ".%016llx", (unsigned long long)temp_suffix());
+        (void)snprintf(tmp, cap, "%.*s.%.*s.%016llx", (int)dir, target, (int)baseLen, base,
+                       (unsigned long long)temp_suffix());
         const int fd =
             open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, mode);
         if (fd >= 0) {
