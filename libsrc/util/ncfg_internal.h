@@ -74,7 +74,8 @@ void _cfg_digestprintf(TWK_MD5Context *md5, cfg_out *out, const char *format, ..
 typedef void (*cfg_produce_fn)(void *context, cfg_out *out);
 
 /* Replaces the file at path with the text that produce gives, so that the
- * file holds either its old bytes or all of the new ones (see
+ * file holds either its old bytes or all of the new ones; only where the file
+ * can just be written in place can a failure leave it changed (see
  * TWK_Cfg_commit in ncfg.h for the whole contract). 0 when the text is in
  * the file; -1 with errno set when it is not. */
 int cfg_save(const char *path, cfg_produce_fn produce, void *context);
