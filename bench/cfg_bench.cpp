@@ -1,6 +1,7 @@
 // Configuration library benchmarks, each against a peer or a floor measured
 // in the same run:
-//   - loading a large generated file, against inih's ini_parse;
+//   - loading a large generated file, against the MD5 of its bytes alone (the
+//     floor: a load must digest every byte) and against inih's ini_parse;
 //   - loading a small "quendral.ini", against a bare open/read/close of it;
 //   - MD5 of 256 MiB, against OpenSSL;
 //   - allocations of a load, against the number of entries.
@@ -212,9 +213,24 @@ void BM_AllocationsPerLoad(benchmark::State &state) {
     state.counters["entries"] = static_cast<double>(entries);
 }
 
-BENCHMARK(BM_LoadLarge)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_InihLarge)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_Md5OfLargeFile)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+// The budgets of the large file compare medians of several runs: the load
+// digests on a second thread, so one busy moment of another process on the
+// machine skews a single run far more than it skews the peers.
+BENCHMARK(BM_LoadLarge)
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(BM_InihLarge)
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(BM_Md5OfLargeFile)
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(1.0)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 BENCHMARK(BM_LoadSmall)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ReadSmallFloor)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Md5)->Unit(benchmark::kMillisecond)->MinTime(2.0);
@@ -234,9 +250,17 @@ int main(int argc, char **argv) {
     std::printf("\nConfiguration library, ratios measured in this run (file %.1f MB):\n",
                 static_cast<double>(largeSize) / 1e6);
     bool ok = true;
+    // A load digests every byte, so the MD5 of the file alone is its floor;
+    // how far it stays above that floor is what the parser costs.
+    if (t("BM_LoadLarge") > 0 && t("BM_Md5OfLargeFile") > 0)
+        ok &= bench::printRatio("large file load time vs MD5 of the file alone",
+                                t("BM_LoadLarge") / t("BM_Md5OfLargeFile"), 1.3, false);
+    // Against inih the ratio can be no better than inih's time over the MD5
+    // time (a load that cost nothing beyond its digest): on a CPU that digests
+    // slowly that ceiling is low, so the budget leaves room under it.
     if (t("BM_LoadLarge") > 0 && t("BM_InihLarge") > 0)
         ok &= bench::printRatio("large file load throughput vs inih ini_parse",
-                                t("BM_InihLarge") / t("BM_LoadLarge"), 2.5, true);
+                                t("BM_InihLarge") / t("BM_LoadLarge"), 2.0, true);
     if (t("BM_Md5OfLargeFile") > 0 && t("BM_InihLarge") > 0)
         bench::printRatio("  ceiling: inih time vs MD5 of the file alone",
                           t("BM_InihLarge") / t("BM_Md5OfLargeFile"), 0, true);

@@ -146,10 +146,49 @@ int32_t cfg_merge(TWK_CfgHandle *destination, const TWK_CfgHandle *source);
 
 /* Writes a dirty handle's entries to its file, in the library's own layout
  * (one blank line between sections, keys aligned per section), and keeps the
- * MD5 of the bytes written, so the next refresh keeps the entries. A file that
- * cannot be opened leaves the handle dirty and still returns 0. An entry too
- * long to format (a piece over 4095 bytes) ends the process before the file
- * is opened. -1: NULL handle or not loaded. */
+ * MD5 of the bytes written, so the next refresh keeps the entries. A handle
+ * that is not dirty touches nothing.
+ *
+ * A commit never loses the file. The text goes into a new file in the same
+ * directory (that of the final target when the path is a symbolic link; the
+ * link stays a link and its target is updated), created exclusively with the
+ * file's permission bits and, where the process may set them, its owner and
+ * group. It is flushed to the disk and renamed over the file; the directory
+ * is flushed after. A reader opens either the old file or the new one, never
+ * a part of one, and a crash leaves one or the other. When anything fails
+ * (creating, writing, flushing, closing or renaming: a full disk, a file-size
+ * limit, an I/O error) the new file is removed, the file keeps its bytes,
+ * and the handle keeps its entries, `dirty` and digest, so a later commit
+ * writes the same edits. Only a regular file that the process may write is
+ * written, or a missing one created; a read-only file, or a directory, FIFO
+ * or device in its place, is a failure.
+ *
+ * What that costs: each commit gives the file a new inode. A hard link to
+ * the file keeps the old text and is no longer the same file; programs that
+ * hold it open or watch its inode keep seeing the old one. Extended
+ * attributes and ACLs are not carried over. Where the owner cannot be set (an
+ * ordinary user committing another user's writable file) the file becomes
+ * the committer's, keeping the group if the committer belongs to it. The
+ * disk needs room for both texts while a commit runs, and a commit waits for
+ * the disk.
+ *
+ * Written in place: where no file can be created in that directory (the
+ * process may write the file but not its directory, or the directory is
+ * read-only), or the file cannot be replaced because it is a mount point (a
+ * file bind-mounted into a container), the commit writes the file itself.
+ * It formats the whole text once before opening the file, reserves the room
+ * for it where the file system can (a full disk then fails with the file
+ * untouched), overwrites the file from its start, cuts it to the new length
+ * and flushes it. A write that fails after that (an I/O error, a file-size
+ * limit, a disk that fills where no room could be reserved) can leave the
+ * file holding the first part of the new text followed by what remains of
+ * the old one; the handle then stays dirty, and the next commit that
+ * succeeds writes the whole text. Readers may see the file half written.
+ *
+ * A failure is reported as a file that cannot be opened is: the call returns
+ * 0 and `dirty` stays set; errno then tells why. An entry too long to format
+ * (a piece over 4095 bytes) ends the process before anything is written.
+ * -1: NULL handle or not loaded. */
 int32_t TWK_Cfg_commit(TWK_CfgHandle *handle);
 
 #ifdef __cplusplus

@@ -6,6 +6,7 @@
 
 #include "ncfg_internal.h"
 
+#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -277,21 +278,26 @@ int32_t cfg_merge(TWK_CfgHandle *dst, const TWK_CfgHandle *src) {
 
 /* ---- TWK_Cfg_commit ---- */
 
-void _cfg_digestprintf(TWK_MD5Context *md5, FILE *out, const char *format, ...) {
-    char buf[CFG_PIECE_MAX + 1];
+void _cfg_digestprintf(TWK_MD5Context *md5, cfg_out *out, const char *format, ...) {
+    /* Formatted in place: make sure a whole piece and its NUL fit. */
+    if (sizeof out->buf - out->used < CFG_PIECE_MAX + 1) cfg_out_flush(out);
+    char *piece = out->buf + out->used;
     va_list ap;
     va_start(ap, format);
     /* The analyser loses track of va_start through the format attribute. */
     /* NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized) */
-    const int n = vsnprintf(buf, sizeof buf, format, ap);
+    const int n = vsnprintf(piece, CFG_PIECE_MAX + 1, format, ap);
     va_end(ap);
-    if (n < 0) return;
+    if (n < 0) {
+        /* A piece that cannot be formatted would be missing from the file:
+         * fail the commit rather than write the file without it. */
+        if (out->error == 0) out->error = errno ? errno : EINVAL;
+        return;
+    }
     /* A piece that does not fit is a fatal overflow, never a silent cut. */
     if (n > CFG_PIECE_MAX) abort();
-    /* Write errors are not reported: a commit's result says only whether
-     * the handle could be used. */
-    (void)fwrite(buf, 1, (size_t)n, out);
-    TWK_MD5Update(md5, buf, (uint32_t)n);
+    TWK_MD5Update(md5, piece, (uint32_t)n);
+    out->used += (size_t)n;
 }
 
 static size_t len_or_zero(const char *s) {
@@ -342,7 +348,7 @@ static int block_precedes_header(const TWK_CfgHandle *h, uint32_t i) {
     return 0;
 }
 
-static void write_entries(TWK_CfgHandle *h, FILE *out, TWK_MD5Context *md5) {
+static void write_entries(const TWK_CfgHandle *h, cfg_out *out, TWK_MD5Context *md5) {
     int sectionWritten = 0;
     int width = 0;
     for (uint32_t i = 0; i < h->numEntries; i++) {
@@ -377,6 +383,21 @@ static void write_entries(TWK_CfgHandle *h, FILE *out, TWK_MD5Context *md5) {
     }
 }
 
+/* One pass over the text of a commit; the digest is that of the bytes the
+ * pass produced, so after the pass that wrote the file it is the file's. */
+struct commit_text {
+    const TWK_CfgHandle *h;
+    unsigned char digest[16];
+};
+
+static void produce_entries(void *context, cfg_out *out) {
+    struct commit_text *text = context;
+    TWK_MD5Context md5;
+    TWK_MD5Init(&md5);
+    write_entries(text->h, out, &md5);
+    TWK_MD5Final(text->digest, &md5);
+}
+
 int32_t TWK_Cfg_commit(TWK_CfgHandle *h) {
     LOCK_LOADED_OR_FAIL(h);
     if (!h->dirty) {
@@ -384,19 +405,17 @@ int32_t TWK_Cfg_commit(TWK_CfgHandle *h) {
         return 0;
     }
     if (commit_would_overflow(h)) abort();
-    FILE *out = fopen(h->fileName, "w");
-    if (out == NULL) {
-        pthread_mutex_unlock(&h->mutex);
-        return 0; /* the edits stay in memory, still dirty */
+    struct commit_text text = {.h = h};
+    if (cfg_save(h->fileName, produce_entries, &text) == 0) {
+        memcpy(h->digest, text.digest, sizeof h->digest);
+        /* size and mtime stay as they were: the next refresh reads the file,
+         * finds this digest and keeps the entries. */
+        h->dirty = 0;
     }
-    TWK_MD5Context md5;
-    TWK_MD5Init(&md5);
-    write_entries(h, out, &md5);
-    TWK_MD5Final(h->digest, &md5);
-    (void)fclose(out); /* not reported, as write errors are not */
-    /* size and mtime stay as they were: the next refresh reads the file,
-     * finds this digest and keeps the entries. */
-    h->dirty = 0;
+    /* Otherwise the file is as it was and so is the handle: still dirty,
+     * with its edits and the digest of what the file holds, and errno tells
+     * why. As with a file that cannot be opened, that is no error of the
+     * call; a caller that cares looks at dirty. */
     pthread_mutex_unlock(&h->mutex);
     return 0;
 }

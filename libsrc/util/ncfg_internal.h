@@ -7,7 +7,8 @@
 
 #include "ncfg.h"
 
-#include <stdio.h>
+#include <stddef.h>
+#include <stdint.h>
 
 /* Frees one entry's owned strings (by its ownership bits). */
 void cfg_free_entry(TWK_CfgEntry *e);
@@ -47,9 +48,36 @@ void _cfg_copyent(TWK_CfgEntry *dst, const TWK_CfgEntry *src);
 /* Largest formatted piece a commit writes, without its NUL. */
 #define CFG_PIECE_MAX 4095
 
-/* Formats one piece of a commit, writes it to out and feeds the same bytes to
- * md5. A piece longer than CFG_PIECE_MAX ends the process. */
-void _cfg_digestprintf(TWK_MD5Context *md5, FILE *out, const char *format, ...)
+/* The output of a commit: pieces are formatted straight into buf, which goes
+ * to fd with write(2) whenever a piece might not fit. The first error is kept
+ * in error and everything after it is dropped. With fd -1 nothing is written
+ * and total only counts the bytes. */
+typedef struct cfg_out {
+    int fd;
+    int error;      /* errno of the first failure; 0 while all went well */
+    uint64_t total; /* bytes handed on so far (flushed ones) */
+    size_t used;    /* bytes waiting in buf */
+    char buf[8 * (CFG_PIECE_MAX + 1)];
+} cfg_out;
+
+/* Writes what waits in out->buf, all of it (short writes and EINTR are
+ * retried), unless an earlier write failed. */
+void cfg_out_flush(cfg_out *out);
+
+/* Formats one piece of a commit, appends it to out and feeds the same bytes
+ * to md5. A piece longer than CFG_PIECE_MAX ends the process. */
+void _cfg_digestprintf(TWK_MD5Context *md5, cfg_out *out, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
+
+/* Produces the whole text of a file into out; called once per pass over the
+ * text, and must produce the same bytes each time. */
+typedef void (*cfg_produce_fn)(void *context, cfg_out *out);
+
+/* Replaces the file at path with the text that produce gives, so that the
+ * file holds either its old bytes or all of the new ones; only where the file
+ * can just be written in place can a failure leave it changed (see
+ * TWK_Cfg_commit in ncfg.h for the whole contract). 0 when the text is in
+ * the file; -1 with errno set when it is not. */
+int cfg_save(const char *path, cfg_produce_fn produce, void *context);
 
 #endif

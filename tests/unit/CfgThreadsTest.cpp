@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
+#include <filesystem>
 #include <cstdio>
 #include <mutex>
 #include <set>
@@ -130,6 +132,52 @@ TEST(CfgThreads, ConcurrentEditsAndCommitsAreSerialised) {
     Handle check = openFile(path);
     ASSERT_TRUE(check);
     EXPECT_EQ(entriesOf(check.get()), entriesOf(h.get()));
+}
+
+// Two handles on one file, committing from two threads while a third reads
+// the file: each commit replaces the file whole, so every read loads a file
+// that one of them wrote, and no temporary file is left behind.
+TEST(CfgThreads, CommitsOfTwoHandlesToOneFileAlwaysLeaveAWholeFile) {
+    TempDir dir;
+    const std::string path = dir / "shared.ini";
+    writeFile(path, "[s]\nowner = none\n[t]\nlast = yes\n");
+    Handle a = openFile(path), b = openFile(path);
+    ASSERT_TRUE(a && b);
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> torn{0}, reads{0}, notSaved{0};
+    std::thread reader([&] {
+        while (!stop.load()) {
+            TWK_CfgHandle *r = nullptr;
+            if (TWK_Cfg_init(&r, path.c_str()) != 0 || TWK_Cfg_find(r, "s", "owner") != 0 ||
+                TWK_Cfg_find(r, "t", "last") != 0)
+                torn++;
+            TWK_Cfg_done(r);
+            reads++;
+        }
+    });
+    std::vector<std::thread> writers;
+    for (TWK_CfgHandle *h : {a.get(), b.get()}) {
+        writers.emplace_back([&, h] {
+            for (int i = 0; i < 200; i++) {
+                const std::string v = std::to_string(reinterpret_cast<uintptr_t>(h)) + "-" +
+                                      std::to_string(i) + std::string(i % 50, 'x');
+                if (TWK_Cfg_write(h, "s", "owner", v.c_str()) != 0 || TWK_Cfg_commit(h) != 0 ||
+                    h->dirty)
+                    notSaved++;
+            }
+        });
+    }
+    for (auto &t : writers) t.join();
+    stop = true;
+    reader.join();
+
+    EXPECT_EQ(notSaved.load(), 0);
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_GT(reads.load(), 0);
+    size_t files = 0;
+    for ([[maybe_unused]] const auto &e : std::filesystem::directory_iterator(dir.path())) files++;
+    EXPECT_EQ(files, 1u) << "no temporary file is left behind";
 }
 
 } // namespace
