@@ -196,3 +196,47 @@ TEST_F(ExecutableTrust, RelativePathEntryIsTakenInTheInstanceDirectory) {
 }
 
 } // namespace
+
+namespace {
+
+// Changes the working directory for the life of the object.
+class ScopedChdir {
+  public:
+    explicit ScopedChdir(const std::string &dir) : old_(fs::current_path()) {
+        fs::current_path(dir);
+    }
+    ~ScopedChdir() { fs::current_path(old_); }
+
+  private:
+    fs::path old_;
+};
+
+TEST_F(ExecutableTrust, RelativeQuendralBinaryIsCheckedAndRunFromWhereItWasNamed) {
+    // The name is taken where the user gave it, here; the same name inside
+    // the instance directory (where the server runs) holds a planted
+    // program writable by anyone.
+    const std::string here = home / "caller";
+    fs::create_directories(here + "/bin");
+    fs::copy_file(demoServerPath(), here + "/bin/quendral");
+    fs::create_directories(instDir + "/bin");
+    plant(instDir + "/bin/quendral", 0777);
+    ScopedChdir cd(here);
+    ScopedEnv binary("QUENDRAL_BINARY", "bin/quendral");
+    EXPECT_EQ(inst->findExecutable(), here + "/bin/quendral");
+    EXPECT_EQ(startAndSeeWhatRuns(), fs::canonical(here + "/bin/quendral").string());
+    EXPECT_FALSE(fs::exists(mark));
+}
+
+TEST_F(ExecutableTrust, RelativeQuendralBinaryNamingAnUnsafeFileIsRefusedAsItsAbsolutePathIs) {
+    const std::string here = home / "caller";
+    fs::create_directories(here + "/bin");
+    plant(here + "/bin/quendral", 0777);
+    ScopedChdir cd(here);
+    ScopedEnv binary("QUENDRAL_BINARY", "bin/quendral");
+    EXPECT_EQ(inst->findExecutable(), instDir + "/../bin/quendral");
+    EXPECT_TRUE(logged(here + "/bin/quendral", "it is writable by group or others"));
+    EXPECT_EQ(startAndSeeWhatRuns(), bin());
+    EXPECT_FALSE(fs::exists(mark));
+}
+
+} // namespace
