@@ -31,6 +31,11 @@ void setLogIdent(const char *ident) {
     }
 }
 
+std::string currentLogIdent() {
+    std::lock_guard<std::mutex> lock(sinkMutex);
+    return logIdent;
+}
+
 LogSink setLogSink(LogSink sink) {
     std::lock_guard<std::mutex> lock(sinkMutex);
     LogSink previous = std::move(currentSink);

@@ -13,6 +13,8 @@ using LogSink = std::function<void(const std::string &line)>;
 
 // Sets the ident used for the system log ("quendral-monitor", "quendralctl").
 void setLogIdent(const char *ident);
+// The program's name as the log gives it.
+std::string currentLogIdent();
 
 // Replaces where lines go; an empty sink restores the system log + stderr.
 // Returns the previous sink.

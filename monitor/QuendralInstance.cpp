@@ -6,6 +6,7 @@
 #include "Localization.h"
 #include "Log.h"
 #include "PathUtil.h"
+#include "ServerUnit.h"
 #include "StartRecord.h"
 #include "ncfg.h"
 
@@ -356,11 +357,39 @@ int32_t QuendralInstance::launchExecutable(const std::string &executable,
     sigset_t none;
     sigemptyset(&none);
     const std::optional<rlimit> descriptors = originalDescriptorLimit();
+    // The child waits on this pipe until it has been moved into a unit of
+    // its own (ServerUnit.h): a server that forks at once must not leave
+    // processes behind in ours. If we die first, the pipe closes and the
+    // child goes on all the same.
+    int release[2];
+    if (pipe2(release, O_CLOEXEC) != 0) release[0] = release[1] = -1;
 
     const pid_t child = fork();
-    if (child < 0) return 0;
-    if (child > 0) return child;
+    if (child < 0) {
+        logMessage("cannot start %@: %@", {executable, std::strerror(errno)});
+        if (release[0] >= 0) close(release[0]);
+        if (release[1] >= 0) close(release[1]);
+        return 0;
+    }
+    if (child > 0) {
+        if (release[0] >= 0) close(release[0]);
+        const UnitMove move = moveIntoOwnScope(child, directory, currentLogIdent());
+        _unit = move.unit;
+        if (!move.moved)
+            logMessage("the server of %@ has no unit of its own: %@", {directory, move.why});
+        if (release[1] >= 0) close(release[1]);
+        return child;
+    }
 
+    if (release[0] >= 0) {
+        // Our copy of the write end goes first, or the read below would
+        // never see the parent close its own.
+        close(release[1]);
+        char go;
+        ssize_t n;
+        do n = read(release[0], &go, 1);
+        while (n < 0 && errno == EINTR);
+    }
     for (int fd = 0; fd < 32; fd++) close(fd);
     // Descriptors above 31 would otherwise leak into the server for its
     // whole life.

@@ -225,4 +225,6 @@ class QuendralInstance {
     // The launch whose start record this instance made or took up, until
     // that start concludes.
     std::optional<quendral::LaunchedProcess> _launched;
+    // The unit of the user's service manager the last launch was moved into.
+    std::string _unit;
 };

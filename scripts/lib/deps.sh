@@ -3,7 +3,7 @@
 # prints the one apt-get line that would and stops.
 
 # Packages every build needs.
-QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libcli11-dev nlohmann-json3-dev librsvg2-bin
+QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libsystemd-dev libcli11-dev nlohmann-json3-dev librsvg2-bin
     qt6-base-dev qt6-tools-dev qt6-l10n-tools qt6-tools-dev-tools libgl-dev fonts-dejavu-core)
 # A tray host on a virtual display: the end-to-end test and the headless
 # preview of scripts/run.

@@ -1,0 +1,168 @@
+#include "ServerUnit.h"
+
+#include <systemd/sd-bus.h>
+
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+namespace quendral {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Unit names allow [A-Za-z0-9:_.\\-]; systemd writes anything else, and a "-"
+// inside a name part (the separator of its parts), as \xNN.
+std::string escapeUnitPart(const std::string &part) {
+    std::string out;
+    for (const unsigned char c : part) {
+        if (std::isalnum(c) || c == '_' || c == '.' || c == ':') {
+            out += static_cast<char>(c);
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+std::string randomPart() {
+    std::random_device device;
+    std::uniform_int_distribution<unsigned long long> any;
+    char hex[32];
+    std::snprintf(hex, sizeof hex, "%016llx", any(device));
+    return hex;
+}
+
+// The user's bus as sd_bus_open_user finds it, but with every call, the
+// connection's own greeting included, bounded by `timeoutUs`: a bus that
+// does not answer must not hang a start.
+int openUserBus(sd_bus **out, uint64_t timeoutUs, std::string &why) {
+    std::string address;
+    if (const char *env = std::getenv("DBUS_SESSION_BUS_ADDRESS"); env && *env) {
+        address = env;
+    } else if (const char *runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
+        address = std::string("unix:path=") + runtime + "/bus";
+    } else {
+        why = "no session bus (neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set)";
+        return -ENOENT;
+    }
+    sd_bus *bus = nullptr;
+    int r = sd_bus_new(&bus);
+    if (r >= 0) r = sd_bus_set_address(bus, address.c_str());
+    if (r >= 0) r = sd_bus_set_bus_client(bus, 1);
+    if (r >= 0) r = sd_bus_set_trusted(bus, 1);
+    if (r >= 0) r = sd_bus_set_method_call_timeout(bus, timeoutUs);
+    if (r >= 0) r = sd_bus_start(bus);
+    if (r < 0) {
+        why = "cannot reach the session bus: " + std::string(std::strerror(-r));
+        sd_bus_unref(bus);
+        return r;
+    }
+    *out = bus;
+    return 0;
+}
+
+} // namespace
+
+std::string unitOfProcess(pid_t pid) {
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return "";
+    char buf[4096];
+    ssize_t n;
+    do n = read(fd, buf, sizeof buf - 1);
+    while (n < 0 && errno == EINTR);
+    close(fd);
+    if (n <= 0) return "";
+    buf[n] = '\0';
+    // "ID:CONTROLLERS:PATH" per hierarchy. systemd keeps its tree in the
+    // unified one ("0::") or, on hybrid systems, in "name=systemd".
+    std::string found;
+    for (char *line = buf; line && *line;) {
+        char *end = std::strchr(line, '\n');
+        if (end) *end = '\0';
+        const char *first = std::strchr(line, ':');
+        const char *second = first ? std::strchr(first + 1, ':') : nullptr;
+        if (second) {
+            const std::string controllers(first + 1, second);
+            const std::string cgroup(second + 1);
+            if (controllers.empty() || controllers == "name=systemd") {
+                const std::string last = cgroup.substr(cgroup.rfind('/') + 1);
+                const bool unit = last.ends_with(".scope") || last.ends_with(".service");
+                if (unit && (found.empty() || controllers == "name=systemd")) found = last;
+            }
+        }
+        line = end ? end + 1 : nullptr;
+    }
+    return found;
+}
+
+UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
+                          const std::string &launcher) {
+    UnitMove result;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kReplyLimitMs);
+    sd_bus *bus = nullptr;
+    if (openUserBus(&bus, static_cast<uint64_t>(kReplyLimitMs) * 1000, result.why) < 0)
+        return result;
+
+    const std::string name =
+        "app-" + escapeUnitPart(launcher) + "-quendral-" + randomPart() + ".scope";
+    const std::string description = "Quendral server of " + instanceDirectory;
+    sd_bus_message *call = nullptr;
+    sd_bus_message *reply = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    int r = sd_bus_message_new_method_call(bus, &call, "org.freedesktop.systemd1",
+                                           "/org/freedesktop/systemd1",
+                                           "org.freedesktop.systemd1.Manager",
+                                           "StartTransientUnit");
+    if (r >= 0) r = sd_bus_message_append(call, "ss", name.c_str(), "fail");
+    if (r >= 0) r = sd_bus_message_open_container(call, 'a', "(sv)");
+    if (r >= 0)
+        r = sd_bus_message_append(call, "(sv)", "Description", "s", description.c_str());
+    if (r >= 0)
+        r = sd_bus_message_append(call, "(sv)", "PIDs", "au", 1, static_cast<uint32_t>(pid));
+    // Gone from the manager's list once the server has ended, whether it
+    // ended well or not.
+    if (r >= 0)
+        r = sd_bus_message_append(call, "(sv)", "CollectMode", "s", "inactive-or-failed");
+    if (r >= 0)
+        r = sd_bus_message_append(call, "(sv)", "TimeoutStopUSec", "t",
+                                  static_cast<uint64_t>(kStopTimeoutSeconds) * 1000000);
+    if (r >= 0) r = sd_bus_message_close_container(call);
+    if (r >= 0) r = sd_bus_message_append(call, "a(sa(sv))", 0);
+    if (r >= 0) r = sd_bus_call(bus, call, static_cast<uint64_t>(kReplyLimitMs) * 1000, &error, &reply);
+    if (r < 0) {
+        result.why = std::string("the service manager refused a scope: ") +
+                     (error.message ? error.message : std::strerror(-r));
+    } else {
+        // The manager moves the process when it runs the scope's start job,
+        // just after answering: the child goes on only once it is there.
+        while (unitOfProcess(pid) != name && Clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        if (unitOfProcess(pid) == name) {
+            result.moved = true;
+            result.unit = name;
+        } else {
+            result.why = "the service manager did not move it into " + name + " in time";
+        }
+    }
+    sd_bus_error_free(&error);
+    sd_bus_message_unref(reply);
+    sd_bus_message_unref(call);
+    sd_bus_flush_close_unref(bus);
+    return result;
+}
+
+} // namespace quendral
