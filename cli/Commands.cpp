@@ -2,6 +2,7 @@
 
 #include "InstanceJson.h"
 #include "LogTail.h"
+#include "Output.h"
 
 #include <algorithm>
 #include <chrono>
@@ -83,11 +84,10 @@ int report(std::vector<Outcome> &outcomes) {
             if (o.showLog) printLogEnd(*o.instance);
             code = Failed;
         } else {
-            std::cout << o.instance->displayName() << " " << statusWord(o.instance->serverStatus())
-                      << "\n";
+            writeOut(o.instance->displayName() + " " + statusWord(o.instance->serverStatus()) +
+                     "\n");
         }
     }
-    std::cout.flush();
     return code;
 }
 
@@ -219,11 +219,13 @@ int list(const Instances &all, const Options &o) {
         out["default"] = def ? nlohmann::ordered_json(def->directory()) : nullptr;
         out["instances"] = nlohmann::ordered_json::array();
         for (const auto &i : all) out["instances"].push_back(instanceJson(*i));
-        std::cout << dumpJson(out) << "\n";
+        writeOut(dumpJson(out) + "\n");
         return Ok;
     }
     if (o.names) {
-        for (const auto &i : all) std::cout << i->displayName() << "\n";
+        std::string names;
+        for (const auto &i : all) names += i->displayName() + "\n";
+        writeOut(names);
         return Ok;
     }
     // Names are written as they are, whatever their bytes. The lines are
@@ -254,8 +256,8 @@ int list(const Instances &all, const Options &o) {
         out += i->directory();
         out += '\n';
     }
-    std::fwrite(out.data(), 1, out.size(), stdout);
-    return std::fflush(stdout) == 0 ? Ok : fail(Failed, "cannot write the listing");
+    writeOut(out);
+    return Ok;
 }
 
 int status(const Instances &all, const Options &o) {
@@ -263,10 +265,7 @@ int status(const Instances &all, const Options &o) {
     int code = Ok;
     if (!targets(all, o, one, code)) return code;
     QuendralInstance &i = *one.front();
-    if (o.json)
-        std::cout << dumpJson(instanceJson(i)) << "\n";
-    else
-        std::cout << statusWord(i.serverStatus()) << "\n";
+    writeOut((o.json ? dumpJson(instanceJson(i)) : statusWord(i.serverStatus())) + "\n");
     return is(i, ServerStatusRunning) ? Ok : NotRunning;
 }
 
@@ -326,17 +325,17 @@ int log(const Instances &all, const Options &o) {
     const auto lines = static_cast<size_t>(o.lines);
     if (o.follow) {
         std::string error;
-        return followLog(*path, lines, stdout, error) ? Ok : fail(Failed, error);
+        return followLog(*path, lines, writeOut, error) ? Ok : fail(Failed, error);
     }
     const LogTail tail = readLogTail(*path, lines);
     if (!tail.ok) return fail(Failed, tail.error);
-    std::cout << tail.text;
+    writeOut(tail.text);
     return Ok;
 }
 
 int env() {
     for (const char *var : {"QUENDRAL_HOME", "PATH", "LD_LIBRARY_PATH", "ODBCINI", "ODBCINSTINI"})
-        if (const char *v = std::getenv(var)) std::printf("%s=%s\n", var, v);
+        if (const char *v = std::getenv(var)) writeOut(std::string(var) + "=" + v + "\n");
     return Ok;
 }
 
@@ -346,7 +345,7 @@ int completion(const std::string &shell) {
                          : shell == "fish" ? kFishCompletion
                                            : nullptr;
     if (!script) return fail(Usage, "no completion for " + shell + " (bash, zsh or fish)");
-    std::cout << script;
+    writeOut(script);
     return Ok;
 }
 

@@ -77,11 +77,6 @@ bool tailOf(int fd, off_t size, size_t lines, std::string &text, std::string &er
     return true;
 }
 
-bool writeAll(FILE *out, const std::string &s) {
-    return s.empty() ||
-           (std::fwrite(s.data(), 1, s.size(), out) == s.size() && std::fflush(out) == 0);
-}
-
 } // namespace
 
 LogTail readLogTail(const std::string &path, size_t lines) {
@@ -94,7 +89,7 @@ LogTail readLogTail(const std::string &path, size_t lines) {
     return r;
 }
 
-bool followLog(const std::string &path, size_t lines, FILE *out, std::string &error) {
+bool followLog(const std::string &path, size_t lines, const Writer &out, std::string &error) {
     struct stat st;
     int fd = openLog(path, st, error);
     if (fd < 0) return false;
@@ -105,7 +100,7 @@ bool followLog(const std::string &path, size_t lines, FILE *out, std::string &er
     }
     // Without a final '\n' the tail got one added; what follows continues
     // that line, which is fine for reading.
-    if (!writeAll(out, text)) {
+    if (!out(text)) {
         close(fd);
         return true;
     }
@@ -118,7 +113,7 @@ bool followLog(const std::string &path, size_t lines, FILE *out, std::string &er
             const size_t want = static_cast<size_t>(std::min<off_t>(now.st_size - offset, kChunk));
             if (!readAt(fd, offset, want, chunk) || chunk.empty()) break;
             offset += static_cast<off_t>(chunk.size());
-            if (!writeAll(out, chunk)) {
+            if (!out(chunk)) {
                 close(fd);
                 return true;
             }

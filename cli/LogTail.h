@@ -4,8 +4,9 @@
 // FIFO or a device: those are refused at once.
 #pragma once
 
-#include <cstdio>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 
 namespace quendralctl {
@@ -21,12 +22,15 @@ struct LogTail {
 // kTailReadLimit bytes from its end.
 LogTail readLogTail(const std::string &path, size_t lines);
 
-// Prints the last `lines` lines to `out`, then what is appended, polling,
-// until the process is interrupted. A file replaced by a new one (rotated) is
-// followed on into the new file; one truncated in place is read again from
-// its start. Returns only on an error (false, with `error` set) or when
-// `out` cannot be written.
-bool followLog(const std::string &path, size_t lines, FILE *out, std::string &error);
+// Writes text out; false when it could not be written.
+using Writer = std::function<bool(std::string_view)>;
+
+// Writes the last `lines` lines through `out`, then what is appended,
+// polling, until the process is interrupted. A file replaced by a new one
+// (rotated) is followed on into the new file; one truncated in place is read
+// again from its start. Returns only on an error (false, with `error` set)
+// or when `out` fails (true: the writer knows why).
+bool followLog(const std::string &path, size_t lines, const Writer &out, std::string &error);
 
 constexpr size_t kTailReadLimit = 4 << 20;
 

@@ -5,10 +5,13 @@
 #include "Commands.h"
 #include "Environment.h"
 #include "Log.h"
+#include "Output.h"
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -139,15 +142,31 @@ int run(int argc, char **argv) {
     return Usage;
 }
 
+// A listing or a line that did not get out (a full disk, a closed
+// descriptor) must not pass for success: a script would go on with a
+// truncated answer. The verbs write through writeOut; the option parser's
+// help and version go through std::cout, flushed here.
+int finishOutput(int code) {
+    if (const int err = outputError())
+        return fail(Failed, std::string("cannot write the output: ") + std::strerror(err));
+    errno = 0;
+    std::cout.flush();
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout) return code;
+    // The reason is known only when this last flush is what failed.
+    return fail(Failed, errno ? std::string("cannot write the output: ") + std::strerror(errno)
+                              : "cannot write the output");
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     quendral::setLogIdent("quendralctl");
+    int code = Failed;
     // Out of memory or a broken output stream: one clear line, not an abort.
     try {
-        return run(argc, argv);
+        code = run(argc, argv);
     } catch (const std::exception &e) {
         std::cerr << "quendralctl: " << e.what() << "\n";
-        return Failed;
     }
+    return finishOutput(code);
 }
