@@ -5,9 +5,13 @@
 #include "Output.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <functional>
 #include <iostream>
 #include <thread>
@@ -43,6 +47,16 @@ void waitUntil(const Instances &list, const std::function<bool(const QuendralIns
         if (all || Clock::now() >= deadline) return;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+}
+
+// Why the directory cannot be listed and its entries looked at; "" when it
+// can.
+std::string whyUnreadable(const std::string &dir) {
+    DIR *d = opendir(dir.c_str());
+    if (!d) return std::strerror(errno);
+    closedir(d);
+    if (faccessat(AT_FDCWD, dir.c_str(), X_OK, AT_EACCESS) != 0) return std::strerror(errno);
+    return "";
 }
 
 bool is(const QuendralInstance &i, int32_t status) {
@@ -209,6 +223,28 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
 int fail(int code, const std::string &message) {
     std::cerr << "quendralctl: " << message << "\n";
     return code;
+}
+
+int readInstallation(QuendralManager &manager, Instances &all) {
+    // An installation that cannot be listed would look like one without
+    // instances: `list` would print nothing and `stop --all` succeed having
+    // stopped nothing. So it is an error, with the system's reason. A
+    // directory that may be read but not searched lists names whose
+    // instances cannot be looked at: the same.
+    const std::vector<std::string> searched = manager.searchPaths();
+    for (const std::string &dir : searched) {
+        if (const std::string why = whyUnreadable(dir); !why.empty())
+            return fail(NoInstance, "cannot read the installation " + dir + ": " + why);
+    }
+    all = manager.allInstances();
+    // The manager drops a directory it failed to list (and has logged why):
+    // it became unreadable since the check above.
+    for (const std::string &dir : searched) {
+        const auto &now = manager.searchPaths();
+        if (std::find(now.begin(), now.end(), dir) == now.end())
+            return fail(NoInstance, "cannot read the installation " + dir);
+    }
+    return Ok;
 }
 
 int list(const Instances &all, const Options &o) {

@@ -30,6 +30,10 @@ struct Options {
 using InstancePtr = std::shared_ptr<QuendralInstance>;
 using Instances = std::vector<InstancePtr>;
 
+// Every instance of the installation the manager searches, into `all`; Ok,
+// or NoInstance (after saying why) when the installation cannot be read.
+int readInstallation(QuendralManager &manager, Instances &all);
+
 int list(const Instances &all, const Options &o);
 int status(const Instances &all, const Options &o);
 int start(const Instances &all, const Options &o);

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <sys/stat.h>
 
 using namespace quendralctl;
 
@@ -41,6 +42,20 @@ bool isVerb(const std::string &word) {
     return false;
 }
 
+// Why `dir` cannot be the installation --home names; "" when it can.
+std::string whyNotADirectory(const std::string &dir) {
+    if (dir.empty()) return "an empty path names no directory";
+    struct stat st;
+    if (stat(dir.c_str(), &st) != 0) return std::strerror(errno);
+    return S_ISDIR(st.st_mode) ? "" : "not a directory";
+}
+
+bool sameDirectory(const std::string &a, const std::string &b) {
+    struct stat sa, sb;
+    return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
 int run(int argc, char **argv) {
     CLI::App app{"View and control the Quendral server instances of this machine.", "quendralctl"};
     app.set_version_flag("--version", std::string("quendralctl ") + QM_VERSION);
@@ -57,7 +72,8 @@ int run(int argc, char **argv) {
                "Exit status: 0 success (status: running), 1 failed or timed out, 2 usage,\n"
                "3 not running (status), 4 no such instance or no installation.");
     std::string home;
-    app.add_option("--home", home, "Installation directory (sets QUENDRAL_HOME)");
+    auto *homeOption =
+        app.add_option("--home", home, "Installation directory (sets QUENDRAL_HOME)");
 
     Options o;
     const std::string instanceHelp = "Display name or directory (default: the default instance)";
@@ -125,14 +141,28 @@ int run(int argc, char **argv) {
     // Needs no installation.
     if (completionCmd->parsed()) return completion(shell);
 
-    if (!home.empty()) setenv("QUENDRAL_HOME", home.c_str(), 1);
+    // An installation named on the command line is that one or none. Unlike
+    // a QUENDRAL_HOME left in the environment, which falls back to the
+    // bundled installation quietly, a typo here must not: `stop --all` would
+    // stop servers the user never named.
+    const bool homeGiven = homeOption->count() > 0;
+    if (homeGiven) {
+        if (const std::string why = whyNotADirectory(home); !why.empty())
+            return fail(NoInstance, "--home " + (home.empty() ? "''" : home) + ": " + why);
+        setenv("QUENDRAL_HOME", home.c_str(), 1);
+    }
     QuendralManager manager;
     const std::string installation =
         quendral::setupGlobalEnvironment(manager, quendral::defaultBundlePath());
     if (installation.empty()) return fail(NoInstance, "no Quendral installation found");
+    // Removed or replaced since it was looked at above: the fallback was
+    // taken after all.
+    if (homeGiven && !sameDirectory(installation, home))
+        return fail(NoInstance, "--home " + home + ": not a directory");
     if (envCmd->parsed()) return env();
 
-    const auto all = manager.allInstances();
+    Instances all;
+    if (const int code = readInstallation(manager, all); code != Ok) return code;
     if (listCmd->parsed()) return list(all, o);
     if (statusCmd->parsed()) return status(all, o);
     if (startCmd->parsed()) return start(all, o);
