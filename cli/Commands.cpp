@@ -23,11 +23,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long restart waits for a server to stop when no --wait is given.
+// How long restart waits for a server to stop when no --wait (or 0) is given.
 constexpr double kRestartStopSeconds = 30;
 // How many lines of the log follow a start that failed.
 constexpr size_t kFailureLogLines = 10;
 
+// Now plus at most kMaxWaitSeconds: no overflow.
 Clock::time_point after(double seconds) {
     return Clock::now() +
            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
@@ -133,7 +134,7 @@ bool targets(const Instances &all, const Options &o, Instances &out, int &code) 
 // Starts each stopped instance; with a wait, until it runs, fails or the time
 // is up.
 std::vector<Outcome> startAll(const Instances &list, const Options &o) {
-    if (o.waitGiven)
+    if (o.wait > 0)
         waitUntil(
             list, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
             after(o.wait));
@@ -167,14 +168,14 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
             fail(out, "cannot be started (it is running)");
         }
     }
-    if (o.waitGiven) waitUntil(launched, settled, after(o.wait));
+    if (o.wait > 0) waitUntil(launched, settled, after(o.wait));
     for (Outcome &out : outcomes) {
         if (out.failed ||
             std::find(launched.begin(), launched.end(), out.instance) == launched.end())
             continue;
         if (is(*out.instance, ServerStatusStopped))
             fail(out, "did not start (stopped)", true);
-        else if (o.waitGiven && is(*out.instance, ServerStatusStarting))
+        else if (o.wait > 0 && is(*out.instance, ServerStatusStarting))
             fail(out, "did not start within the time given (starting)", true);
     }
     return outcomes;
@@ -183,7 +184,7 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
 // Stops each running instance; with a wait, until it has stopped or the time
 // is up.
 std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
-    if (o.waitGiven)
+    if (o.wait > 0)
         waitUntil(
             list, [](const QuendralInstance &i) { return !is(i, ServerStatusStarting); },
             after(o.wait));
@@ -207,12 +208,12 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
                  std::string("cannot be stopped (it is ") + statusWord(i->serverStatus()) + ")");
         }
     }
-    if (o.waitGiven)
+    if (o.wait > 0)
         waitUntil(
             stopping, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
             after(o.wait));
     for (Outcome &out : outcomes)
-        if (!out.failed && o.waitGiven && !is(*out.instance, ServerStatusStopped))
+        if (!out.failed && o.wait > 0 && !is(*out.instance, ServerStatusStopped))
             fail(out, std::string("did not stop within the time given (") +
                           statusWord(out.instance->serverStatus()) + ")");
     return outcomes;
@@ -326,10 +327,12 @@ int restart(const Instances &all, const Options &o) {
     int code = Ok;
     if (!targets(all, o, chosen, code)) return code;
     // Stop what runs and wait for it to be gone (a server still shutting
-    // down would meet the new one), then start everything.
+    // down would meet the new one), then start everything. Without a wait
+    // ("--wait 0" included) the old server is still waited for, as long as
+    // a stop takes by default: not waiting there would leave it running and
+    // nothing started. Only the new server is not waited for.
     Options stopping = o;
-    stopping.wait = o.waitGiven ? o.wait : kRestartStopSeconds;
-    stopping.waitGiven = true;
+    stopping.wait = o.wait > 0 ? o.wait : kRestartStopSeconds;
     Instances running;
     for (const auto &i : chosen)
         if (!is(*i, ServerStatusStopped)) running.push_back(i);

@@ -9,13 +9,15 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <sys/stat.h>
+#include <vector>
 
 using namespace quendralctl;
 
@@ -40,6 +42,19 @@ bool isVerb(const std::string &word) {
     for (const char *v : kVerbs)
         if (word == v) return true;
     return false;
+}
+
+// The seconds of --wait: a decimal number (a fraction and an exponent
+// allowed) from 0 to kMaxWaitSeconds, else nullopt. Checked here rather than
+// by the option parser, whose range message would print the largest double
+// in all its 309 digits.
+std::optional<double> parseSeconds(const std::string &text) {
+    if (text.empty() || text.find_first_not_of("0123456789.eE+-") != std::string::npos)
+        return std::nullopt; // and so no "nan", "inf" or hexadecimal
+    char *end = nullptr;
+    const double s = std::strtod(text.c_str(), &end);
+    if (*end != '\0' || s < 0 || s > kMaxWaitSeconds) return std::nullopt;
+    return s;
 }
 
 // Why `dir` cannot be the installation --home names; "" when it can.
@@ -76,6 +91,8 @@ int run(int argc, char **argv) {
         app.add_option("--home", home, "Installation directory (sets QUENDRAL_HOME)");
 
     Options o;
+    std::string waitText;
+    std::vector<CLI::Option *> waitOptions;
     const std::string instanceHelp = "Display name or directory (default: the default instance)";
 
     auto *listCmd = app.add_subcommand("list", "List the instances with their status");
@@ -93,21 +110,9 @@ int run(int argc, char **argv) {
     for (auto *cmd : {startCmd, stopCmd, restartCmd}) {
         auto *name = cmd->add_option("instance", o.instance, instanceHelp);
         cmd->add_flag("--all", o.all, "Every instance, in the listing's order")->excludes(name);
-        cmd->add_option_function<double>(
-               "--wait",
-               [&o](double s) {
-                   o.wait = s;
-                   o.waitGiven = true;
-               },
-               "Wait up to SECONDS for the change")
-            ->check(CLI::NonNegativeNumber)
-            ->check(CLI::Validator(
-                [](std::string &v) {
-                    // "nan" passes the range check above; it is no time to wait.
-                    return std::isnan(std::strtod(v.c_str(), nullptr)) ? "not a number of seconds"
-                                                                       : std::string();
-                },
-                "SECONDS"));
+        waitOptions.push_back(cmd->add_option("--wait", waitText,
+                                              "Wait up to SECONDS (at most a day; 0: do not wait)")
+                                  ->type_name("SECONDS"));
     }
 
     auto *logCmd = app.add_subcommand("log", "Print the end of an instance's log file");
@@ -136,6 +141,16 @@ int run(int argc, char **argv) {
             return fail(Usage, "unknown command '" + word + "' (see quendralctl --help)");
         std::cerr << "quendralctl: " << e.what() << " (see quendralctl --help)\n";
         return Usage;
+    }
+
+    if (std::any_of(waitOptions.begin(), waitOptions.end(),
+                    [](const CLI::Option *w) { return w->count() > 0; })) {
+        const std::optional<double> seconds = parseSeconds(waitText);
+        if (!seconds)
+            return fail(Usage, "--wait must be between 0 and " +
+                                   std::to_string(static_cast<long>(kMaxWaitSeconds)) +
+                                   " seconds, not " + (waitText.empty() ? "''" : waitText));
+        o.wait = *seconds;
     }
 
     // Needs no installation.
