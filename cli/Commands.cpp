@@ -95,12 +95,12 @@ int report(std::vector<Outcome> &outcomes) {
     int code = Ok;
     for (Outcome &o : outcomes) {
         if (o.failed) {
-            std::cerr << "quendralctl: " << o.error << "\n";
+            fail(Failed, o.error);
             if (o.showLog) printLogEnd(*o.instance);
             code = Failed;
         } else {
-            writeOut(o.instance->displayName() + " " + statusWord(o.instance->serverStatus()) +
-                     "\n");
+            writeOut(shownOn(STDOUT_FILENO, o.instance->displayName()) + " " +
+                     statusWord(o.instance->serverStatus()) + "\n");
         }
     }
     return code;
@@ -222,7 +222,8 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
 } // namespace
 
 int fail(int code, const std::string &message) {
-    std::cerr << "quendralctl: " << message << "\n";
+    // Messages name instances and paths: escaped on a terminal (Output.h).
+    std::cerr << "quendralctl: " << shownOn(STDERR_FILENO, message) << "\n";
     return code;
 }
 
@@ -259,17 +260,23 @@ int list(const Instances &all, const Options &o) {
         writeOut(dumpJson(out) + "\n");
         return Ok;
     }
+    // Into a pipe, names are written as they are, whatever their bytes; on a
+    // terminal, control characters are escaped (Output.h).
     if (o.names) {
         std::string names;
-        for (const auto &i : all) names += i->displayName() + "\n";
+        for (const auto &i : all) names += shownOn(STDOUT_FILENO, i->displayName()) + "\n";
         writeOut(names);
         return Ok;
     }
-    // Names are written as they are, whatever their bytes. The lines are
-    // put together here and written at once: printf per field costs more
-    // than everything else per instance.
+    // The lines are put together here and written at once: printf per field
+    // costs more than everything else per instance.
+    std::vector<std::string> shown;
+    shown.reserve(all.size());
     size_t width = 4;
-    for (const auto &i : all) width = std::max(width, i->displayName().size());
+    for (const auto &i : all) {
+        shown.push_back(shownOn(STDOUT_FILENO, i->displayName()));
+        width = std::max(width, shown.back().size());
+    }
     auto pad = [](std::string &out, const std::string &s, size_t w, bool right) {
         if (right && s.size() < w) out.append(w - s.size(), ' ');
         out += s;
@@ -282,15 +289,16 @@ int list(const Instances &all, const Options &o) {
         pad(out, "NAME", width, false);
         out += "  STATUS        PID  DIRECTORY\n";
     }
-    for (const auto &i : all) {
+    for (size_t k = 0; k < all.size(); k++) {
+        const auto &i = all[k];
         out += i == def ? "* " : "  ";
-        pad(out, i->displayName(), width, false);
+        pad(out, shown[k], width, false);
         out += "  ";
         pad(out, statusWord(i->serverStatus()), 8, false);
         out += "  ";
         pad(out, i->pid() > 0 ? std::to_string(i->pid()) : "-", 7, true);
         out += "  ";
-        out += i->directory();
+        out += shownOn(STDOUT_FILENO, i->directory());
         out += '\n';
     }
     writeOut(out);

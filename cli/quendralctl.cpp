@@ -17,6 +17,8 @@
 #include <iostream>
 #include <optional>
 #include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace quendralctl;
@@ -187,6 +189,18 @@ int run(int argc, char **argv) {
     return Usage;
 }
 
+// The model's messages name paths, and a path may hold an escape sequence:
+// on a terminal they are escaped as every name is (Output.h). The system log
+// gets each line as it is, as it does by default.
+void escapeLogLinesOnATerminal() {
+    if (!isatty(STDERR_FILENO)) return;
+    openlog("quendralctl", LOG_PID, LOG_USER);
+    quendral::setLogSink([](const std::string &line) {
+        syslog(LOG_NOTICE, "%s", line.c_str());
+        std::cerr << "quendralctl: " << forTerminal(line) << "\n";
+    });
+}
+
 // A listing or a line that did not get out (a full disk, a closed
 // descriptor) must not pass for success: a script would go on with a
 // truncated answer. The verbs write through writeOut; the option parser's
@@ -206,6 +220,7 @@ int finishOutput(int code) {
 
 int main(int argc, char **argv) {
     quendral::setLogIdent("quendralctl");
+    escapeLogLinesOnATerminal();
     int code = Failed;
     // Out of memory or a broken output stream: one clear line, not an abort.
     try {
