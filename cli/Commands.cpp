@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include "FindInstance.h"
 #include "InstanceJson.h"
 #include "LogTail.h"
 #include "Output.h"
@@ -113,21 +114,21 @@ bool targets(const Instances &all, const Options &o, Instances &out, int &code) 
         out = all;
         return true;
     }
-    InstancePtr found;
     if (o.instance.empty()) {
-        found = QuendralManager::defaultInstance(all);
-    } else {
-        // By display name or by directory, compared as bytes: a name that is
-        // not UTF-8 can still be typed or pasted as it is.
-        for (const auto &i : all)
-            if (i->displayName() == o.instance || i->directory() == o.instance) found = i;
+        const InstancePtr found = QuendralManager::defaultInstance(all);
+        if (!found) {
+            code = fail(NoInstance, "no default instance (give an instance name)");
+            return false;
+        }
+        out = {found};
+        return true;
     }
-    if (!found) {
-        code = fail(NoInstance, o.instance.empty() ? "no default instance (give an instance name)"
-                                                   : "no such instance: " + o.instance);
+    const Found found = findInstance(all, o.instance);
+    if (!found.instance) {
+        code = fail(found.code, found.error);
         return false;
     }
-    out = {found};
+    out = {found.instance};
     return true;
 }
 
