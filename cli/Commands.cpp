@@ -76,6 +76,7 @@ struct Outcome {
     bool failed = false;
     std::string error;
     bool showLog = false;
+    LogMark logBefore; // the log file as it was before our start
 };
 
 void fail(Outcome &o, const std::string &what, bool showLog = false) {
@@ -84,11 +85,20 @@ void fail(Outcome &o, const std::string &what, bool showLog = false) {
     o.showLog = showLog;
 }
 
-// The end of the instance's log, so that a failed start explains itself.
-void printLogEnd(QuendralInstance &i) {
+// Where the instance's log file stands before a start.
+LogMark markLogOf(QuendralInstance &i) {
     const auto path = i.logFile();
+    return path ? markLog(*path) : LogMark{};
+}
+
+// The end of what this start wrote to the instance's log, so that a failed
+// start explains itself. What earlier runs wrote is left out: a start that
+// failed before its server wrote a line (a program that cannot be run)
+// would otherwise show the last run's lines as if they were its own.
+void printLogEnd(const Outcome &o) {
+    const auto path = o.instance->logFile();
     if (!path) return;
-    const LogTail tail = readLogTail(*path, kFailureLogLines);
+    const LogTail tail = readLogTailSince(*path, o.logBefore, kFailureLogLines);
     if (tail.ok) std::cerr << tail.text;
 }
 
@@ -97,7 +107,7 @@ int report(std::vector<Outcome> &outcomes) {
     for (Outcome &o : outcomes) {
         if (o.failed) {
             fail(Failed, o.error);
-            if (o.showLog) printLogEnd(*o.instance);
+            if (o.showLog) printLogEnd(o);
             code = Failed;
         } else {
             writeOut(shownOn(STDOUT_FILENO, o.instance->displayName()) + " " +
@@ -146,6 +156,7 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
         if (is(*i, ServerStatusStopping)) {
             fail(out, "cannot be started while it is stopping");
         } else if (is(*i, ServerStatusStopped) || is(*i, ServerStatusUnknown)) {
+            out.logBefore = markLogOf(*i);
             if (i->startup())
                 launched.push_back(i);
             else if (o.all && is(*i, ServerStatusStarting))

@@ -22,6 +22,21 @@ struct LogTail {
 // kTailReadLimit bytes from its end.
 LogTail readLogTail(const std::string &path, size_t lines);
 
+// Where a log file stood at some moment (before a start), so that what was
+// written after can be told from what earlier runs wrote.
+struct LogMark {
+    bool exists = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+};
+LogMark markLog(const std::string &path);
+
+// readLogTail of what was written to the file at `path` since `mark`: past
+// the marked size while it is the same file and has not shrunk; all of it
+// when it was replaced (a new inode), truncated, or did not exist.
+LogTail readLogTailSince(const std::string &path, const LogMark &mark, size_t lines);
+
 // Writes text out; false when it could not be written.
 using Writer = std::function<bool(std::string_view)>;
 
