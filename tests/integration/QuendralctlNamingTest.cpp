@@ -44,7 +44,8 @@ TEST_F(QuendralctlNaming, AnInstanceIsFoundByItsDirectoryHoweverThePathIsWritten
     const std::string other = makeInstanceDir(root, "q/sales");
     fs::create_directory_symlink(other, root / "link");
     // A link inside the installation is an instance of its own name, for the
-    // same directory.
+    // same directory: a path through another link (root/link) that leads
+    // there means the instance whose path has no link in it.
     fs::create_directory_symlink(other, home + "/alias");
 
     const std::vector<std::string> paths = {
@@ -57,8 +58,7 @@ TEST_F(QuendralctlNaming, AnInstanceIsFoundByItsDirectoryHoweverThePathIsWritten
     EXPECT_EQ(directoryFound(root.path(), "q/sales/"), other);
     EXPECT_EQ(directoryFound(root.path(), "link"), other);
     // By its display name or its path as written, the link in the
-    // installation is its own instance; through another link, the directory
-    // is the one without a link in its path.
+    // installation is its own instance.
     EXPECT_EQ(directoryFound(root.path(), "alias"), home + "/alias");
     EXPECT_EQ(directoryFound(home, "./alias/"), home + "/alias");
     EXPECT_EQ(directoryFound(root.path(), home + "//alias"), home + "/alias");
