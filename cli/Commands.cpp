@@ -1,12 +1,18 @@
 #include "Commands.h"
 
+#include "FindInstance.h"
 #include "InstanceJson.h"
 #include "LogTail.h"
+#include "Output.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <functional>
 #include <iostream>
 #include <thread>
@@ -18,11 +24,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long restart waits for a server to stop when no --wait is given.
+// How long restart waits for a server to stop when no --wait (or 0) is given.
 constexpr double kRestartStopSeconds = 30;
 // How many lines of the log follow a start that failed.
 constexpr size_t kFailureLogLines = 10;
 
+// Now plus at most kMaxWaitSeconds: no overflow.
 Clock::time_point after(double seconds) {
     return Clock::now() +
            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
@@ -44,6 +51,16 @@ void waitUntil(const Instances &list, const std::function<bool(const QuendralIns
     }
 }
 
+// Why the directory cannot be listed and its entries looked at; "" when it
+// can.
+std::string whyUnreadable(const std::string &dir) {
+    DIR *d = opendir(dir.c_str());
+    if (!d) return std::strerror(errno);
+    closedir(d);
+    if (faccessat(AT_FDCWD, dir.c_str(), X_OK, AT_EACCESS) != 0) return std::strerror(errno);
+    return "";
+}
+
 bool is(const QuendralInstance &i, int32_t status) {
     return i.serverStatus() == status;
 }
@@ -59,6 +76,7 @@ struct Outcome {
     bool failed = false;
     std::string error;
     bool showLog = false;
+    LogMark logBefore; // the log file as it was before our start
 };
 
 void fail(Outcome &o, const std::string &what, bool showLog = false) {
@@ -67,11 +85,20 @@ void fail(Outcome &o, const std::string &what, bool showLog = false) {
     o.showLog = showLog;
 }
 
-// The end of the instance's log, so that a failed start explains itself.
-void printLogEnd(QuendralInstance &i) {
+// Where the instance's log file stands before a start.
+LogMark markLogOf(QuendralInstance &i) {
     const auto path = i.logFile();
+    return path ? markLog(*path) : LogMark{};
+}
+
+// The end of what this start wrote to the instance's log, so that a failed
+// start explains itself. What earlier runs wrote is left out: a start that
+// failed before its server wrote a line (a program that cannot be run)
+// would otherwise show the last run's lines as if they were its own.
+void printLogEnd(const Outcome &o) {
+    const auto path = o.instance->logFile();
     if (!path) return;
-    const LogTail tail = readLogTail(*path, kFailureLogLines);
+    const LogTail tail = readLogTailSince(*path, o.logBefore, kFailureLogLines);
     if (tail.ok) std::cerr << tail.text;
 }
 
@@ -79,15 +106,14 @@ int report(std::vector<Outcome> &outcomes) {
     int code = Ok;
     for (Outcome &o : outcomes) {
         if (o.failed) {
-            std::cerr << "quendralctl: " << o.error << "\n";
-            if (o.showLog) printLogEnd(*o.instance);
+            fail(Failed, o.error);
+            if (o.showLog) printLogEnd(o);
             code = Failed;
         } else {
-            std::cout << o.instance->displayName() << " " << statusWord(o.instance->serverStatus())
-                      << "\n";
+            writeOut(shownOn(STDOUT_FILENO, o.instance->displayName()) + " " +
+                     statusWord(o.instance->serverStatus()) + "\n");
         }
     }
-    std::cout.flush();
     return code;
 }
 
@@ -98,28 +124,28 @@ bool targets(const Instances &all, const Options &o, Instances &out, int &code) 
         out = all;
         return true;
     }
-    InstancePtr found;
     if (o.instance.empty()) {
-        found = QuendralManager::defaultInstance(all);
-    } else {
-        // By display name or by directory, compared as bytes: a name that is
-        // not UTF-8 can still be typed or pasted as it is.
-        for (const auto &i : all)
-            if (i->displayName() == o.instance || i->directory() == o.instance) found = i;
+        const InstancePtr found = QuendralManager::defaultInstance(all);
+        if (!found) {
+            code = fail(NoInstance, "no default instance (give an instance name)");
+            return false;
+        }
+        out = {found};
+        return true;
     }
-    if (!found) {
-        code = fail(NoInstance, o.instance.empty() ? "no default instance (give an instance name)"
-                                                   : "no such instance: " + o.instance);
+    const Found found = findInstance(all, o.instance);
+    if (!found.instance) {
+        code = fail(found.code, found.error);
         return false;
     }
-    out = {found};
+    out = {found.instance};
     return true;
 }
 
 // Starts each stopped instance; with a wait, until it runs, fails or the time
 // is up.
 std::vector<Outcome> startAll(const Instances &list, const Options &o) {
-    if (o.waitGiven)
+    if (o.wait > 0)
         waitUntil(
             list, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
             after(o.wait));
@@ -130,6 +156,7 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
         if (is(*i, ServerStatusStopping)) {
             fail(out, "cannot be started while it is stopping");
         } else if (is(*i, ServerStatusStopped) || is(*i, ServerStatusUnknown)) {
+            out.logBefore = markLogOf(*i);
             if (i->startup())
                 launched.push_back(i);
             else if (o.all && is(*i, ServerStatusStarting))
@@ -153,14 +180,14 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
             fail(out, "cannot be started (it is running)");
         }
     }
-    if (o.waitGiven) waitUntil(launched, settled, after(o.wait));
+    if (o.wait > 0) waitUntil(launched, settled, after(o.wait));
     for (Outcome &out : outcomes) {
         if (out.failed ||
             std::find(launched.begin(), launched.end(), out.instance) == launched.end())
             continue;
         if (is(*out.instance, ServerStatusStopped))
             fail(out, "did not start (stopped)", true);
-        else if (o.waitGiven && is(*out.instance, ServerStatusStarting))
+        else if (o.wait > 0 && is(*out.instance, ServerStatusStarting))
             fail(out, "did not start within the time given (starting)", true);
     }
     return outcomes;
@@ -169,7 +196,7 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
 // Stops each running instance; with a wait, until it has stopped or the time
 // is up.
 std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
-    if (o.waitGiven)
+    if (o.wait > 0)
         waitUntil(
             list, [](const QuendralInstance &i) { return !is(i, ServerStatusStarting); },
             after(o.wait));
@@ -193,12 +220,12 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
                  std::string("cannot be stopped (it is ") + statusWord(i->serverStatus()) + ")");
         }
     }
-    if (o.waitGiven)
+    if (o.wait > 0)
         waitUntil(
             stopping, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
             after(o.wait));
     for (Outcome &out : outcomes)
-        if (!out.failed && o.waitGiven && !is(*out.instance, ServerStatusStopped))
+        if (!out.failed && o.wait > 0 && !is(*out.instance, ServerStatusStopped))
             fail(out, std::string("did not stop within the time given (") +
                           statusWord(out.instance->serverStatus()) + ")");
     return outcomes;
@@ -207,8 +234,31 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
 } // namespace
 
 int fail(int code, const std::string &message) {
-    std::cerr << "quendralctl: " << message << "\n";
+    // Messages name instances and paths: escaped on a terminal (Output.h).
+    std::cerr << "quendralctl: " << shownOn(STDERR_FILENO, message) << "\n";
     return code;
+}
+
+int readInstallation(QuendralManager &manager, Instances &all) {
+    // An installation that cannot be listed would look like one without
+    // instances: `list` would print nothing and `stop --all` succeed having
+    // stopped nothing. So it is an error, with the system's reason. A
+    // directory that may be read but not searched lists names whose
+    // instances cannot be looked at: the same.
+    const std::vector<std::string> searched = manager.searchPaths();
+    for (const std::string &dir : searched) {
+        if (const std::string why = whyUnreadable(dir); !why.empty())
+            return fail(NoInstance, "cannot read the installation " + dir + ": " + why);
+    }
+    all = manager.allInstances();
+    // The manager drops a directory it failed to list (and has logged why):
+    // it became unreadable since the check above.
+    for (const std::string &dir : searched) {
+        const auto &now = manager.searchPaths();
+        if (std::find(now.begin(), now.end(), dir) == now.end())
+            return fail(NoInstance, "cannot read the installation " + dir);
+    }
+    return Ok;
 }
 
 int list(const Instances &all, const Options &o) {
@@ -219,18 +269,26 @@ int list(const Instances &all, const Options &o) {
         out["default"] = def ? nlohmann::ordered_json(def->directory()) : nullptr;
         out["instances"] = nlohmann::ordered_json::array();
         for (const auto &i : all) out["instances"].push_back(instanceJson(*i));
-        std::cout << dumpJson(out) << "\n";
+        writeOut(dumpJson(out) + "\n");
         return Ok;
     }
+    // Into a pipe, names are written as they are, whatever their bytes; on a
+    // terminal, control characters are escaped (Output.h).
     if (o.names) {
-        for (const auto &i : all) std::cout << i->displayName() << "\n";
+        std::string names;
+        for (const auto &i : all) names += shownOn(STDOUT_FILENO, i->displayName()) + "\n";
+        writeOut(names);
         return Ok;
     }
-    // Names are written as they are, whatever their bytes. The lines are
-    // put together here and written at once: printf per field costs more
-    // than everything else per instance.
+    // The lines are put together here and written at once: printf per field
+    // costs more than everything else per instance.
+    std::vector<std::string> shown;
+    shown.reserve(all.size());
     size_t width = 4;
-    for (const auto &i : all) width = std::max(width, i->displayName().size());
+    for (const auto &i : all) {
+        shown.push_back(shownOn(STDOUT_FILENO, i->displayName()));
+        width = std::max(width, shown.back().size());
+    }
     auto pad = [](std::string &out, const std::string &s, size_t w, bool right) {
         if (right && s.size() < w) out.append(w - s.size(), ' ');
         out += s;
@@ -243,19 +301,20 @@ int list(const Instances &all, const Options &o) {
         pad(out, "NAME", width, false);
         out += "  STATUS        PID  DIRECTORY\n";
     }
-    for (const auto &i : all) {
+    for (size_t k = 0; k < all.size(); k++) {
+        const auto &i = all[k];
         out += i == def ? "* " : "  ";
-        pad(out, i->displayName(), width, false);
+        pad(out, shown[k], width, false);
         out += "  ";
         pad(out, statusWord(i->serverStatus()), 8, false);
         out += "  ";
         pad(out, i->pid() > 0 ? std::to_string(i->pid()) : "-", 7, true);
         out += "  ";
-        out += i->directory();
+        out += shownOn(STDOUT_FILENO, i->directory());
         out += '\n';
     }
-    std::fwrite(out.data(), 1, out.size(), stdout);
-    return std::fflush(stdout) == 0 ? Ok : fail(Failed, "cannot write the listing");
+    writeOut(out);
+    return Ok;
 }
 
 int status(const Instances &all, const Options &o) {
@@ -263,10 +322,7 @@ int status(const Instances &all, const Options &o) {
     int code = Ok;
     if (!targets(all, o, one, code)) return code;
     QuendralInstance &i = *one.front();
-    if (o.json)
-        std::cout << dumpJson(instanceJson(i)) << "\n";
-    else
-        std::cout << statusWord(i.serverStatus()) << "\n";
+    writeOut((o.json ? dumpJson(instanceJson(i)) : statusWord(i.serverStatus())) + "\n");
     return is(i, ServerStatusRunning) ? Ok : NotRunning;
 }
 
@@ -291,10 +347,12 @@ int restart(const Instances &all, const Options &o) {
     int code = Ok;
     if (!targets(all, o, chosen, code)) return code;
     // Stop what runs and wait for it to be gone (a server still shutting
-    // down would meet the new one), then start everything.
+    // down would meet the new one), then start everything. Without a wait
+    // ("--wait 0" included) the old server is still waited for, as long as
+    // a stop takes by default: not waiting there would leave it running and
+    // nothing started. Only the new server is not waited for.
     Options stopping = o;
-    stopping.wait = o.waitGiven ? o.wait : kRestartStopSeconds;
-    stopping.waitGiven = true;
+    stopping.wait = o.wait > 0 ? o.wait : kRestartStopSeconds;
     Instances running;
     for (const auto &i : chosen)
         if (!is(*i, ServerStatusStopped)) running.push_back(i);
@@ -326,17 +384,17 @@ int log(const Instances &all, const Options &o) {
     const auto lines = static_cast<size_t>(o.lines);
     if (o.follow) {
         std::string error;
-        return followLog(*path, lines, stdout, error) ? Ok : fail(Failed, error);
+        return followLog(*path, lines, writeOut, error) ? Ok : fail(Failed, error);
     }
     const LogTail tail = readLogTail(*path, lines);
     if (!tail.ok) return fail(Failed, tail.error);
-    std::cout << tail.text;
+    writeOut(tail.text);
     return Ok;
 }
 
 int env() {
     for (const char *var : {"QUENDRAL_HOME", "PATH", "LD_LIBRARY_PATH", "ODBCINI", "ODBCINSTINI"})
-        if (const char *v = std::getenv(var)) std::printf("%s=%s\n", var, v);
+        if (const char *v = std::getenv(var)) writeOut(std::string(var) + "=" + v + "\n");
     return Ok;
 }
 
@@ -346,7 +404,7 @@ int completion(const std::string &shell) {
                          : shell == "fish" ? kFishCompletion
                                            : nullptr;
     if (!script) return fail(Usage, "no completion for " + shell + " (bash, zsh or fish)");
-    std::cout << script;
+    writeOut(script);
     return Ok;
 }
 

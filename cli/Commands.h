@@ -16,19 +16,26 @@ namespace quendralctl {
 // over --all, an instance already so counts as done.
 enum Exit { Ok = 0, Failed = 1, Usage = 2, NotRunning = 3, NoInstance = 4 };
 
+// The longest --wait: a day. More is no time anyone waits for a server, and
+// the bound keeps every deadline far from the clock's range.
+constexpr double kMaxWaitSeconds = 86400;
+
 struct Options {
     std::string instance; // display name or directory; empty: the default
     bool all = false;     // --all
     bool json = false;    // --json
     bool names = false;   // --names
-    double wait = 0;      // --wait SECONDS
-    bool waitGiven = false;
-    long lines = 20; // log -n
+    double wait = 0;      // --wait SECONDS, 0 to kMaxWaitSeconds; 0: do not wait
+    long lines = 20;      // log -n
     bool follow = false;
 };
 
 using InstancePtr = std::shared_ptr<QuendralInstance>;
 using Instances = std::vector<InstancePtr>;
+
+// Every instance of the installation the manager searches, into `all`; Ok,
+// or NoInstance (after saying why) when the installation cannot be read.
+int readInstallation(QuendralManager &manager, Instances &all);
 
 int list(const Instances &all, const Options &o);
 int status(const Instances &all, const Options &o);

@@ -33,7 +33,28 @@ nlohmann::ordered_json instanceJson(QuendralInstance &i) {
 }
 
 std::string dumpJson(const nlohmann::ordered_json &j) {
-    return j.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    const std::string text =
+        j.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    // The C0 controls come out as \u escapes, the C1 controls (U+0080 to
+    // U+009F, C2 80 to C2 9F in UTF-8) as they are; a terminal may obey
+    // those too (U+009B begins a control sequence), so they are escaped the
+    // same way. The value read back is the same. The text is valid UTF-8
+    // here, so a C2 byte always begins a character.
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); i++) {
+        const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+        if (static_cast<unsigned char>(text[i]) == 0xC2 && next >= 0x80 && next <= 0x9F) {
+            static const char hex[] = "0123456789abcdef";
+            out += "\\u00";
+            out += hex[next >> 4];
+            out += hex[next & 15];
+            i++;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
 }
 
 } // namespace quendralctl

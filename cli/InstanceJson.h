@@ -15,7 +15,8 @@ const char *statusWord(int32_t status);
 nlohmann::ordered_json instanceJson(QuendralInstance &instance);
 
 // Serialised for output. Bytes in names or paths that are not UTF-8 (a
-// directory name is any bytes) are written as U+FFFD rather than failing.
+// directory name is any bytes) are written as U+FFFD rather than failing;
+// control characters, the C1 ones included, as \u escapes.
 std::string dumpJson(const nlohmann::ordered_json &j);
 
 } // namespace quendralctl

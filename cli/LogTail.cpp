@@ -47,65 +47,80 @@ bool readAt(int fd, off_t offset, size_t size, std::string &into) {
     return true;
 }
 
-// The last `lines` lines of an open file of `size` bytes, read backwards in
-// chunks until enough line ends are seen (or kTailReadLimit bytes are read).
-bool tailOf(int fd, off_t size, size_t lines, std::string &text, std::string &error) {
+// The last `lines` lines of the bytes from `begin` to `size` of an open
+// file, read backwards in chunks until enough line ends are seen (or
+// kTailReadLimit bytes are read).
+bool tailOf(int fd, off_t begin, off_t size, size_t lines, std::string &text, std::string &error) {
     text.clear();
-    if (lines == 0 || size == 0) return true;
+    if (lines == 0 || size <= begin) return true;
     off_t start = size;
     size_t found = 0;
     std::string chunk;
-    while (start > 0 && text.size() < kTailReadLimit) {
-        const size_t want = static_cast<size_t>(std::min<off_t>(start, kChunk));
+    while (start > begin && text.size() < kTailReadLimit) {
+        const size_t want = static_cast<size_t>(std::min<off_t>(start - begin, kChunk));
         start -= static_cast<off_t>(want);
         if (!readAt(fd, start, want, chunk)) {
             error = std::strerror(errno);
             return false;
         }
+        bool enough = false;
         for (size_t i = chunk.size(); i-- > 0;) {
             // The file's last byte ends the last line; it begins none.
             if (chunk[i] != '\n' || start + static_cast<off_t>(i) == size - 1) continue;
             if (++found == lines) {
                 text.insert(0, chunk, i + 1, std::string::npos);
-                start = 0;
+                enough = true;
                 break;
             }
         }
-        if (start > 0 || found < lines) text.insert(0, chunk);
+        if (enough) break;
+        text.insert(0, chunk);
     }
     if (!text.empty() && text.back() != '\n') text += '\n';
     return true;
 }
 
-bool writeAll(FILE *out, const std::string &s) {
-    return s.empty() ||
-           (std::fwrite(s.data(), 1, s.size(), out) == s.size() && std::fflush(out) == 0);
-}
-
 } // namespace
 
 LogTail readLogTail(const std::string &path, size_t lines) {
+    return readLogTailSince(path, LogMark{}, lines);
+}
+
+LogMark markLog(const std::string &path) {
+    LogMark mark;
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return mark;
+    mark.exists = true;
+    mark.device = st.st_dev;
+    mark.inode = st.st_ino;
+    mark.size = st.st_size;
+    return mark;
+}
+
+LogTail readLogTailSince(const std::string &path, const LogMark &mark, size_t lines) {
     LogTail r;
     struct stat st;
     const int fd = openLog(path, st, r.error);
     if (fd < 0) return r;
-    r.ok = tailOf(fd, st.st_size, lines, r.text, r.error);
+    const bool sameFile = mark.exists && st.st_dev == mark.device && st.st_ino == mark.inode &&
+                          st.st_size >= mark.size;
+    r.ok = tailOf(fd, sameFile ? mark.size : 0, st.st_size, lines, r.text, r.error);
     close(fd);
     return r;
 }
 
-bool followLog(const std::string &path, size_t lines, FILE *out, std::string &error) {
+bool followLog(const std::string &path, size_t lines, const Writer &out, std::string &error) {
     struct stat st;
     int fd = openLog(path, st, error);
     if (fd < 0) return false;
     std::string text;
-    if (!tailOf(fd, st.st_size, lines, text, error)) {
+    if (!tailOf(fd, 0, st.st_size, lines, text, error)) {
         close(fd);
         return false;
     }
     // Without a final '\n' the tail got one added; what follows continues
     // that line, which is fine for reading.
-    if (!writeAll(out, text)) {
+    if (!out(text)) {
         close(fd);
         return true;
     }
@@ -118,7 +133,7 @@ bool followLog(const std::string &path, size_t lines, FILE *out, std::string &er
             const size_t want = static_cast<size_t>(std::min<off_t>(now.st_size - offset, kChunk));
             if (!readAt(fd, offset, want, chunk) || chunk.empty()) break;
             offset += static_cast<off_t>(chunk.size());
-            if (!writeAll(out, chunk)) {
+            if (!out(chunk)) {
                 close(fd);
                 return true;
             }

@@ -5,13 +5,21 @@
 #include "Commands.h"
 #include "Environment.h"
 #include "Log.h"
+#include "Output.h"
 
 #include <CLI/CLI.hpp>
 
-#include <cmath>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vector>
 
 using namespace quendralctl;
 
@@ -38,6 +46,33 @@ bool isVerb(const std::string &word) {
     return false;
 }
 
+// The seconds of --wait: a decimal number (a fraction and an exponent
+// allowed) from 0 to kMaxWaitSeconds, else nullopt. Checked here rather than
+// by the option parser, whose range message would print the largest double
+// in all its 309 digits.
+std::optional<double> parseSeconds(const std::string &text) {
+    if (text.empty() || text.find_first_not_of("0123456789.eE+-") != std::string::npos)
+        return std::nullopt; // and so no "nan", "inf" or hexadecimal
+    char *end = nullptr;
+    const double s = std::strtod(text.c_str(), &end);
+    if (*end != '\0' || s < 0 || s > kMaxWaitSeconds) return std::nullopt;
+    return s;
+}
+
+// Why `dir` cannot be the installation --home names; "" when it can.
+std::string whyNotADirectory(const std::string &dir) {
+    if (dir.empty()) return "an empty path names no directory";
+    struct stat st;
+    if (stat(dir.c_str(), &st) != 0) return std::strerror(errno);
+    return S_ISDIR(st.st_mode) ? "" : "not a directory";
+}
+
+bool sameDirectory(const std::string &a, const std::string &b) {
+    struct stat sa, sb;
+    return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
 int run(int argc, char **argv) {
     CLI::App app{"View and control the Quendral server instances of this machine.", "quendralctl"};
     app.set_version_flag("--version", std::string("quendralctl ") + QM_VERSION);
@@ -54,9 +89,12 @@ int run(int argc, char **argv) {
                "Exit status: 0 success (status: running), 1 failed or timed out, 2 usage,\n"
                "3 not running (status), 4 no such instance or no installation.");
     std::string home;
-    app.add_option("--home", home, "Installation directory (sets QUENDRAL_HOME)");
+    auto *homeOption =
+        app.add_option("--home", home, "Installation directory (sets QUENDRAL_HOME)");
 
     Options o;
+    std::string waitText;
+    std::vector<CLI::Option *> waitOptions;
     const std::string instanceHelp = "Display name or directory (default: the default instance)";
 
     auto *listCmd = app.add_subcommand("list", "List the instances with their status");
@@ -74,21 +112,9 @@ int run(int argc, char **argv) {
     for (auto *cmd : {startCmd, stopCmd, restartCmd}) {
         auto *name = cmd->add_option("instance", o.instance, instanceHelp);
         cmd->add_flag("--all", o.all, "Every instance, in the listing's order")->excludes(name);
-        cmd->add_option_function<double>(
-               "--wait",
-               [&o](double s) {
-                   o.wait = s;
-                   o.waitGiven = true;
-               },
-               "Wait up to SECONDS for the change")
-            ->check(CLI::NonNegativeNumber)
-            ->check(CLI::Validator(
-                [](std::string &v) {
-                    // "nan" passes the range check above; it is no time to wait.
-                    return std::isnan(std::strtod(v.c_str(), nullptr)) ? "not a number of seconds"
-                                                                       : std::string();
-                },
-                "SECONDS"));
+        waitOptions.push_back(cmd->add_option("--wait", waitText,
+                                              "Wait up to SECONDS (at most a day; 0: do not wait)")
+                                  ->type_name("SECONDS"));
     }
 
     auto *logCmd = app.add_subcommand("log", "Print the end of an instance's log file");
@@ -119,17 +145,41 @@ int run(int argc, char **argv) {
         return Usage;
     }
 
+    if (std::any_of(waitOptions.begin(), waitOptions.end(),
+                    [](const CLI::Option *w) { return w->count() > 0; })) {
+        const std::optional<double> seconds = parseSeconds(waitText);
+        if (!seconds)
+            return fail(Usage, "--wait must be between 0 and " +
+                                   std::to_string(static_cast<long>(kMaxWaitSeconds)) +
+                                   " seconds, not " + (waitText.empty() ? "''" : waitText));
+        o.wait = *seconds;
+    }
+
     // Needs no installation.
     if (completionCmd->parsed()) return completion(shell);
 
-    if (!home.empty()) setenv("QUENDRAL_HOME", home.c_str(), 1);
+    // An installation named on the command line is that one or none. Unlike
+    // a QUENDRAL_HOME left in the environment, which falls back to the
+    // bundled installation quietly, a typo here must not: `stop --all` would
+    // stop servers the user never named.
+    const bool homeGiven = homeOption->count() > 0;
+    if (homeGiven) {
+        if (const std::string why = whyNotADirectory(home); !why.empty())
+            return fail(NoInstance, "--home " + (home.empty() ? "''" : home) + ": " + why);
+        setenv("QUENDRAL_HOME", home.c_str(), 1);
+    }
     QuendralManager manager;
     const std::string installation =
         quendral::setupGlobalEnvironment(manager, quendral::defaultBundlePath());
     if (installation.empty()) return fail(NoInstance, "no Quendral installation found");
+    // Removed or replaced since it was looked at above: the fallback was
+    // taken after all.
+    if (homeGiven && !sameDirectory(installation, home))
+        return fail(NoInstance, "--home " + home + ": not a directory");
     if (envCmd->parsed()) return env();
 
-    const auto all = manager.allInstances();
+    Instances all;
+    if (const int code = readInstallation(manager, all); code != Ok) return code;
     if (listCmd->parsed()) return list(all, o);
     if (statusCmd->parsed()) return status(all, o);
     if (startCmd->parsed()) return start(all, o);
@@ -139,15 +189,44 @@ int run(int argc, char **argv) {
     return Usage;
 }
 
+// The model's messages name paths, and a path may hold an escape sequence:
+// on a terminal they are escaped as every name is (Output.h). The system log
+// gets each line as it is, as it does by default.
+void escapeLogLinesOnATerminal() {
+    if (!isatty(STDERR_FILENO)) return;
+    openlog("quendralctl", LOG_PID, LOG_USER);
+    quendral::setLogSink([](const std::string &line) {
+        syslog(LOG_NOTICE, "%s", line.c_str());
+        std::cerr << "quendralctl: " << forTerminal(line) << "\n";
+    });
+}
+
+// A listing or a line that did not get out (a full disk, a closed
+// descriptor) must not pass for success: a script would go on with a
+// truncated answer. The verbs write through writeOut; the option parser's
+// help and version go through std::cout, flushed here.
+int finishOutput(int code) {
+    if (const int err = outputError())
+        return fail(Failed, std::string("cannot write the output: ") + std::strerror(err));
+    errno = 0;
+    std::cout.flush();
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout) return code;
+    // The reason is known only when this last flush is what failed.
+    return fail(Failed, errno ? std::string("cannot write the output: ") + std::strerror(errno)
+                              : "cannot write the output");
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     quendral::setLogIdent("quendralctl");
+    escapeLogLinesOnATerminal();
+    int code = Failed;
     // Out of memory or a broken output stream: one clear line, not an abort.
     try {
-        return run(argc, argv);
+        code = run(argc, argv);
     } catch (const std::exception &e) {
         std::cerr << "quendralctl: " << e.what() << "\n";
-        return Failed;
     }
+    return finishOutput(code);
 }

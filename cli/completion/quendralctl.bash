@@ -3,6 +3,25 @@
 # from `quendralctl list --names` as the line is completed, with --home if
 # one was given).
 
+# The directory of `--home DIR` as the shell will pass it: the line being
+# completed holds the word as typed, so a leading ~ or ~user is expanded
+# here as the shell would (~user from the user database; one unknown stays
+# as it is, as the shell leaves it).
+_quendralctl_home() {
+    local dir=$1 user top
+    if [[ $dir == '~'* ]]; then
+        user=${dir%%/*}
+        user=${user#'~'}
+        if [[ -z $user ]]; then
+            top=$HOME
+        else
+            top=$(getent passwd -- "$user" 2>/dev/null | cut -d: -f6)
+        fi
+        [[ -n $top ]] && dir=$top${dir:${#user}+1}
+    fi
+    printf '%s' "$dir"
+}
+
 _quendralctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     local verbs="list status start stop restart log env completion"
@@ -10,7 +29,7 @@ _quendralctl() {
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
         --home)
-            home=(--home "${COMP_WORDS[i + 1]}")
+            home=(--home "$(_quendralctl_home "${COMP_WORDS[i + 1]}")")
             ((i++))
             ;;
         --home=*) home=("${COMP_WORDS[i]}") ;;

@@ -2,11 +2,30 @@
 # the installation in use (from `quendralctl list --names`, with --home if one
 # was given).
 
+# The directory of `--home DIR` as fish will pass it: the command line holds
+# the word as typed, so a leading ~ or ~user is expanded here as fish would
+# (~user from the user database; one unknown stays as it is).
+function __quendralctl_home
+    set -l dir $argv[1]
+    if string match -q -- '~*' $dir
+        set -l user (string replace -r -- '^~([^/]*).*$' '$1' $dir)
+        set -l rest (string replace -r -- '^~[^/]*' '' $dir)
+        set -l top $HOME
+        if test -n "$user"
+            set top (getent passwd -- $user 2>/dev/null | string split -f6 :)
+        end
+        if test -n "$top"
+            set dir "$top$rest"
+        end
+    end
+    printf '%s\n' $dir
+end
+
 function __quendralctl_instances
     set -l cmd (commandline -opc)
     set -l home
     set -l i (contains -i -- --home $cmd)
-    and set home --home $cmd[(math $i + 1)]
+    and set home --home (__quendralctl_home $cmd[(math $i + 1)])
     command $cmd[1] $home list --names 2>/dev/null
 end
 

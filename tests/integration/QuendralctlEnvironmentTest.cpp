@@ -2,10 +2,13 @@
 // every server it starts inherits, seen through "env" and in a real server.
 #include "CtlRunner.h"
 #include "ModelTestUtil.h"
+#include "Unprivileged.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace testsupport;
 namespace fs = std::filesystem;
@@ -117,6 +120,73 @@ TEST_F(QuendralctlEnvironment, MissingOrUnsetHomeFallsBackToTheBundle) {
         const auto vars = parseEnv(r.out);
         EXPECT_EQ(vars.at("QUENDRAL_HOME"), bundle + "/Contents/quendral") << home;
         EXPECT_EQ(vars.at("PATH"), bundle + "/Contents/quendral/bin:/usr/bin:/bin") << home;
+    }
+}
+
+TEST_F(QuendralctlEnvironment, HomeOptionThatNamesNoDirectoryNeverFallsBackToTheBundle) {
+    const std::string bundle = root / "bundle";
+    const std::string ctl = bundledCtl(bundle);
+    fs::create_directories(bundle + "/Contents");
+    fs::copy(makeHome("staging"), bundle + "/Contents/quendral", fs::copy_options::recursive);
+    const std::string env = kClean + "QUENDRAL_DEMO_HTTP_PORT=0";
+    // The bundled installation's server runs; a typo in --home must not reach it.
+    ASSERT_EQ(runCtl("start --wait 10", env, ctl).status, 0);
+    writeFile(root / "file", "not a directory\n");
+
+    const std::string typo = root / "tpyo";
+    for (const std::string &args :
+         {"--home " + shellQuote(typo) + " stop --all --wait 10",
+          "--home " + shellQuote(typo) + " list", "--home=" + shellQuote(typo) + " env"}) {
+        const CtlResult r = runCtl(args, env, ctl);
+        EXPECT_EQ(r.status, 4) << args;
+        EXPECT_EQ(r.out, "") << args;
+        EXPECT_EQ(r.err, "quendralctl: --home " + typo + ": No such file or directory\n") << args;
+    }
+    CtlResult r = runCtl("--home " + shellQuote(root / "file") + " list", env, ctl);
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.err, "quendralctl: --home " + root / "file" + ": not a directory\n");
+    r = runCtl("--home '' list", env, ctl);
+    EXPECT_EQ(r.status, 4);
+    EXPECT_EQ(r.err, "quendralctl: --home '': an empty path names no directory\n");
+
+    EXPECT_EQ(runCtl("status", env, ctl).status, 0) << "the bundled server still runs";
+    EXPECT_EQ(runCtl("stop --wait 10", env, ctl).status, 0);
+}
+
+TEST_F(QuendralctlEnvironment, InstallationThatCannotBeReadIsAnErrorForEveryVerbThatLists) {
+    // Run as "nobody" when the suite runs as root (for whom permission bits
+    // do not stop a read), else as the owner, whose bits below deny it too.
+    fs::permissions(root.path(), fs::perms::owner_all | fs::perms::group_read |
+                                     fs::perms::group_exec | fs::perms::others_read |
+                                     fs::perms::others_exec);
+    const std::string home = makeHome("closed");
+    writeFile(home + "/database/quendral.log", "a line\n");
+    const std::vector<std::string> verbs = {
+        "list",        "list --json", "list --names",  "status",         "status database",
+        "start --all", "stop --all",  "restart --all", "start database", "log"};
+    // 0301: may be searched, not listed; 0604: may be listed, its entries not
+    // looked at.
+    for (const mode_t mode : {0301, 0604}) {
+        SCOPED_TRACE(mode);
+        ASSERT_EQ(chmod(home.c_str(), mode), 0);
+        const int rc = runUnprivileged([&] {
+            if (access(QUENDRALCTL_PATH, X_OK) != 0) return 99;
+            for (size_t v = 0; v < verbs.size(); v++) {
+                const CtlResult r = runCtl(verbs[v], kClean + "QUENDRAL_HOME=" + shellQuote(home));
+                if (r.status != 4 || !r.out.empty() ||
+                    r.err != "quendralctl: cannot read the installation " + home +
+                                 ": Permission denied\n")
+                    return 10 + static_cast<int>(v);
+            }
+            // What needs no listing still works.
+            return runCtl("env", kClean + "QUENDRAL_HOME=" + shellQuote(home)).status == 0 ? 0 : 9;
+        });
+        ASSERT_EQ(chmod(home.c_str(), 0755), 0);
+        if (rc == 99 || rc == 120)
+            GTEST_SKIP() << "quendralctl cannot be run as an ordinary user here (" << rc << ")";
+        EXPECT_EQ(rc, 0) << (rc >= 10 && rc < 10 + static_cast<int>(verbs.size())
+                                 ? "quendralctl " + verbs[rc - 10] + " did not fail as it should"
+                                 : "check " + std::to_string(rc));
     }
 }
 

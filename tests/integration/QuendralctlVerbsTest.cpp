@@ -252,6 +252,40 @@ TEST_F(QuendralctlVerbs, StartThatTimesOutShowsTheLogsEnd) {
     kill(std::stoi(readFile(home / "database/hung.pid")), SIGKILL);
 }
 
+TEST_F(QuendralctlVerbs, AFailedStartShowsOnlyWhatItWroteToTheLog) {
+    const std::string dir = brokenInstance("database", false);
+    const std::string program = dir + "/quendral";
+    const std::string failed = "quendralctl: database did not start (stopped)\n";
+    CtlResult r = ctl("start --wait 10");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(linesOf(r.err).size(), 11u) << r.err;
+
+    // The program can no longer be run: this start wrote nothing, and the
+    // last run's lines are not passed off as its own.
+    ASSERT_EQ(chmod(program.c_str(), 0644), 0);
+    r = ctl("start --wait 10");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, failed);
+
+    // Appended to the same file: only the new lines.
+    writeFile(program, "#!/bin/sh\necho 'second run: no data' >> quendral.log\nexit 1\n");
+    ASSERT_EQ(chmod(program.c_str(), 0755), 0);
+    r = ctl("start --wait 10");
+    EXPECT_EQ(r.err, failed + "second run: no data\n");
+
+    // The server moved the old log aside and began a new one: the new
+    // file's lines.
+    writeFile(program, "#!/bin/sh\nmv quendral.log quendral.log.1\n"
+                       "echo 'third run: new log' >> quendral.log\nexit 1\n");
+    r = ctl("start --wait 10");
+    EXPECT_EQ(r.err, failed + "third run: new log\n");
+
+    // Truncated and written anew, shorter than before: what it holds now.
+    writeFile(program, "#!/bin/sh\n: > quendral.log\necho 'fourth' >> quendral.log\nexit 1\n");
+    r = ctl("start --wait 10");
+    EXPECT_EQ(r.err, failed + "fourth\n");
+}
+
 TEST_F(QuendralctlVerbs, LogPrintsTheLastLines) {
     const std::string dir = makeInstanceDir(home, "database");
     std::string text;

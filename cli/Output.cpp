@@ -1,0 +1,104 @@
+#include "Output.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <unistd.h>
+
+namespace quendralctl {
+
+namespace {
+int firstError = 0;
+} // namespace
+
+bool writeOut(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t n = write(STDOUT_FILENO, text.data(), text.size());
+        if (n > 0) {
+            text.remove_prefix(static_cast<size_t>(n));
+            continue;
+        }
+        if (n == 0) errno = EIO; // nothing taken, and no reason given
+        if (errno == EINTR) continue;
+        // A descriptor left non-blocking by whoever gave it to us: wait until
+        // the reader makes room rather than losing output.
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            pollfd p{STDOUT_FILENO, POLLOUT, 0};
+            if (poll(&p, 1, -1) >= 0 || errno == EINTR) continue;
+        }
+        if (firstError == 0) firstError = errno;
+        return false;
+    }
+    return true;
+}
+
+int outputError() {
+    return firstError;
+}
+
+namespace {
+
+// The length of the valid UTF-8 character at the start of `s`, 0 when there
+// is none (a stray, overlong or surrogate sequence, or one cut short).
+size_t utf8Length(std::string_view s) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
+    const auto cont = [&](size_t i) { return i < s.size() && (byte(i) & 0xC0) == 0x80; };
+    const unsigned char b = byte(0);
+    if (b < 0x80) return 1;
+    if (b >= 0xC2 && b <= 0xDF) return cont(1) ? 2 : 0;
+    if (b >= 0xE0 && b <= 0xEF) {
+        if (!cont(1) || !cont(2)) return 0;
+        if (b == 0xE0 && byte(1) < 0xA0) return 0; // overlong
+        if (b == 0xED && byte(1) > 0x9F) return 0; // a surrogate
+        return 3;
+    }
+    if (b >= 0xF0 && b <= 0xF4) {
+        if (!cont(1) || !cont(2) || !cont(3)) return 0;
+        if (b == 0xF0 && byte(1) < 0x90) return 0; // overlong
+        if (b == 0xF4 && byte(1) > 0x8F) return 0; // beyond U+10FFFF
+        return 4;
+    }
+    return 0;
+}
+
+void appendOctal(std::string &out, unsigned char b) {
+    out += '\\';
+    out += static_cast<char>('0' + (b >> 6));
+    out += static_cast<char>('0' + ((b >> 3) & 7));
+    out += static_cast<char>('0' + (b & 7));
+}
+
+} // namespace
+
+std::string forTerminal(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const size_t n = utf8Length(text);
+        const auto b = static_cast<unsigned char>(text[0]);
+        // U+0080..U+009F are C2 80..C2 9F.
+        const bool c1 = n == 2 && b == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0;
+        if (n == 0 || c1 || b < 0x20 || b == 0x7F) {
+            for (size_t i = 0; i < (n == 0 ? 1 : n); i++)
+                appendOctal(out, static_cast<unsigned char>(text[i]));
+            text.remove_prefix(n == 0 ? 1 : n);
+            continue;
+        }
+        if (b == '\\') out += '\\';
+        out.append(text.substr(0, n));
+        text.remove_prefix(n);
+    }
+    return out;
+}
+
+std::string shownOn(int fd, std::string_view text) {
+    // Asked once per descriptor: listings call this for every name.
+    static int known[3] = {-1, -1, -1};
+    int terminal = fd >= 0 && fd < 3 ? known[fd] : -1;
+    if (terminal < 0) {
+        terminal = isatty(fd) ? 1 : 0;
+        if (fd >= 0 && fd < 3) known[fd] = terminal;
+    }
+    return terminal ? forTerminal(text) : std::string(text);
+}
+
+} // namespace quendralctl

@@ -1,0 +1,128 @@
+// quendralctl's --wait: the seconds it takes, and what 0 means, against real
+// servers.
+#include "CtlRunner.h"
+#include "ModelTestUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace testsupport;
+namespace fs = std::filesystem;
+
+namespace {
+
+class QuendralctlWait : public ::testing::Test {
+  protected:
+    TempDir home;
+    std::string env;
+    std::string dir;
+    void SetUp() override {
+        fs::create_directories(home / "bin");
+        fs::copy_file(demoServerPath(), home / "bin/quendral");
+        env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
+        dir = makeInstanceDir(home, "database");
+    }
+    void TearDown() override { runCtl("stop --all --wait 10", env); }
+    CtlResult ctl(const std::string &args) { return runCtl(args, env); }
+    int lockPid() {
+        try {
+            return std::stoi(readFile(dir + "/quendral.lck"));
+        } catch (const std::exception &) {
+            return 0;
+        }
+    }
+};
+
+TEST_F(QuendralctlWait, SecondsBeyondADayOrNotANumberAreAUsageErrorSaidPlainly) {
+    ASSERT_EQ(ctl("start --wait 10").status, 0);
+    const int server = lockPid();
+    const std::vector<std::string> values = {"1e10", "86400.5", "-1", "nan", "inf",
+                                             "soon", "0x10",    "5s", "''"};
+    for (const std::string &value : values) {
+        const CtlResult r = ctl("stop --wait " + value);
+        EXPECT_EQ(r.status, 2) << value;
+        EXPECT_EQ(r.err,
+                  "quendralctl: --wait must be between 0 and 86400 seconds, not " + value + "\n");
+        EXPECT_EQ(r.out, "");
+    }
+    EXPECT_EQ(ctl("status").status, 0) << "none of them stopped the server";
+    EXPECT_EQ(lockPid(), server);
+    // The bounds themselves, and fractions, are fine.
+    EXPECT_EQ(ctl("stop --wait 86400").status, 0);
+    EXPECT_EQ(ctl("start --wait 2.5e1").status, 0);
+    EXPECT_EQ(ctl("stop --wait 0.5").status, 0);
+}
+
+TEST_F(QuendralctlWait, ALongWaitLastsUntilTheServerHasStopped) {
+    // A server that notes SIGTERM in its log and goes on running until it is
+    // killed.
+    writeFile(dir + "/quendral",
+              "#!/bin/sh\ntrap 'echo got TERM >> quendral.log' TERM\necho $$ > quendral.lck\n"
+              "while :; do sleep 0.05; done\n");
+    chmod((dir + "/quendral").c_str(), 0755);
+    ASSERT_EQ(ctl("start --wait 10").status, 0);
+    const int server = lockPid();
+    ASSERT_GT(server, 0);
+
+    // `stop --wait 86400` in the background: it must still be waiting when
+    // the server ends, however long that takes.
+    const std::string out = home / "stop.out";
+    const pid_t stopper = fork();
+    ASSERT_GE(stopper, 0);
+    if (stopper == 0) {
+        execl("/bin/sh", "sh", "-c",
+              ("exec env " + env + " " + shellQuote(QUENDRALCTL_PATH) + " stop --wait 86400 >" +
+               shellQuote(out) + " 2>/dev/null")
+                  .c_str(),
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    EXPECT_TRUE(waitFor(
+        [&] {
+            return fs::exists(dir + "/quendral.log") &&
+                   readFile(dir + "/quendral.log").find("got TERM") != std::string::npos;
+        },
+        std::chrono::seconds(20)));
+    kill(server, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(stopper, &status, 0), stopper);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << readFile(out);
+    EXPECT_EQ(readFile(out), "database stopped\n");
+}
+
+TEST_F(QuendralctlWait, StartWithWaitZeroStartsAndDoesNotWait) {
+    const CtlResult r = ctl("start --wait 0");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "database starting\n");
+    EXPECT_TRUE(waitFor([&] { return ctl("status").status == 0; }));
+}
+
+TEST_F(QuendralctlWait, StopWithWaitZeroStopsAndDoesNotWait) {
+    ASSERT_EQ(ctl("start --wait 10").status, 0);
+    const CtlResult r = ctl("stop --wait 0");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "database stopping\n");
+    EXPECT_TRUE(waitFor([&] { return ctl("status").status == 3; }));
+}
+
+TEST_F(QuendralctlWait, RestartWithWaitZeroStillStartsANewServer) {
+    ASSERT_EQ(ctl("start --wait 10").status, 0);
+    const int before = lockPid();
+    const CtlResult r = ctl("restart --wait 0");
+    EXPECT_EQ(r.status, 0) << r.err;
+    // The old server was waited for; the new one is on its way.
+    EXPECT_EQ(r.out, "database starting\n");
+    const char state = processState(before);
+    EXPECT_TRUE(state == 0 || state == 'Z') << "the old server has ended; state " << state;
+    EXPECT_TRUE(waitFor([&] { return ctl("status").status == 0; }));
+    EXPECT_NE(lockPid(), before);
+    EXPECT_NE(lockPid(), 0);
+}
+
+} // namespace
