@@ -123,26 +123,24 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
     sd_bus_message *call = nullptr;
     sd_bus_message *reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    int r = sd_bus_message_new_method_call(bus, &call, "org.freedesktop.systemd1",
-                                           "/org/freedesktop/systemd1",
-                                           "org.freedesktop.systemd1.Manager",
-                                           "StartTransientUnit");
+    int r = sd_bus_message_new_method_call(
+        bus, &call, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
+        "org.freedesktop.systemd1.Manager", "StartTransientUnit");
     if (r >= 0) r = sd_bus_message_append(call, "ss", name.c_str(), "fail");
     if (r >= 0) r = sd_bus_message_open_container(call, 'a', "(sv)");
-    if (r >= 0)
-        r = sd_bus_message_append(call, "(sv)", "Description", "s", description.c_str());
+    if (r >= 0) r = sd_bus_message_append(call, "(sv)", "Description", "s", description.c_str());
     if (r >= 0)
         r = sd_bus_message_append(call, "(sv)", "PIDs", "au", 1, static_cast<uint32_t>(pid));
     // Gone from the manager's list once the server has ended, whether it
     // ended well or not.
-    if (r >= 0)
-        r = sd_bus_message_append(call, "(sv)", "CollectMode", "s", "inactive-or-failed");
+    if (r >= 0) r = sd_bus_message_append(call, "(sv)", "CollectMode", "s", "inactive-or-failed");
     if (r >= 0)
         r = sd_bus_message_append(call, "(sv)", "TimeoutStopUSec", "t",
                                   static_cast<uint64_t>(kStopTimeoutSeconds) * 1000000);
     if (r >= 0) r = sd_bus_message_close_container(call);
     if (r >= 0) r = sd_bus_message_append(call, "a(sa(sv))", 0);
-    if (r >= 0) r = sd_bus_call(bus, call, static_cast<uint64_t>(kReplyLimitMs) * 1000, &error, &reply);
+    if (r >= 0)
+        r = sd_bus_call(bus, call, static_cast<uint64_t>(kReplyLimitMs) * 1000, &error, &reply);
     if (r < 0) {
         result.why = std::string("the service manager refused a scope: ") +
                      (error.message ? error.message : std::strerror(-r));

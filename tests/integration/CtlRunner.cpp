@@ -18,6 +18,19 @@ CtlResult runCtl(const std::string &args, const std::string &env, const std::str
     return runShell(env + " " + shellQuote(binary) + " " + args);
 }
 
+std::string withoutUnitNotices(const std::string &text) {
+    std::string kept;
+    size_t begin = 0;
+    while (begin < text.size()) {
+        size_t end = text.find('\n', begin);
+        end = end == std::string::npos ? text.size() : end + 1;
+        const std::string line = text.substr(begin, end - begin);
+        if (line.find(" has no unit of its own: ") == std::string::npos) kept += line;
+        begin = end;
+    }
+    return kept;
+}
+
 CtlResult runShell(const std::string &command) {
     TempDir scratch;
     const std::string errFile = scratch / "stderr";

@@ -19,6 +19,11 @@ CtlResult runCtl(const std::string &args, const std::string &env = "",
 // Runs a shell command line as it stands, its standard error captured.
 CtlResult runShell(const std::string &command);
 
+// The text without the lines saying that a started server has no unit of
+// its own: where the tests run there is no service manager, and tests of
+// other behaviour compare what the tool writes exactly.
+std::string withoutUnitNotices(const std::string &text);
+
 // Quotes a path for the shell.
 std::string shellQuote(const std::string &s);
 

@@ -57,6 +57,13 @@ void ChildProcess::killAndReap() {
     pid_ = -1;
 }
 
+std::vector<std::string> LogCapture::linesButUnitNotices() const {
+    std::vector<std::string> kept;
+    for (const std::string &l : lines)
+        if (l.find(" has no unit of its own: ") == std::string::npos) kept.push_back(l);
+    return kept;
+}
+
 char processState(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string line;

@@ -24,6 +24,9 @@ class LogCapture {
     ~LogCapture();
     std::vector<std::string> lines;
     size_t count(const std::string &line) const;
+    // The lines but those saying that a started server has no unit of its
+    // own (there is no service manager where the tests run).
+    std::vector<std::string> linesButUnitNotices() const;
     void clear() { lines.clear(); }
 
   private:

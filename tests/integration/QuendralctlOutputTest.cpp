@@ -28,7 +28,11 @@ class QuendralctlOutput : public ::testing::Test {
         env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
     }
     void TearDown() override { runCtl("stop --all --wait 10", env); }
-    CtlResult ctl(const std::string &args) { return runCtl(args, env); }
+    CtlResult ctl(const std::string &args) {
+        CtlResult r = runCtl(args, env);
+        r.err = withoutUnitNotices(r.err);
+        return r;
+    }
     // The command with its standard output on /dev/full, where every write
     // fails with ENOSPC.
     CtlResult toFullDisk(const std::string &args) { return ctl(args + " >/dev/full"); }
@@ -41,7 +45,7 @@ class QuendralctlOutput : public ::testing::Test {
                      " /dev/null");
         std::string out = r.out;
         std::erase(out, '\r');
-        return out;
+        return withoutUnitNotices(out);
     }
 };
 

@@ -37,7 +37,9 @@ class QuendralctlVerbs : public ::testing::Test {
     }
     void TearDown() override { runCtl("stop --all --wait 10", env); }
     CtlResult ctl(const std::string &args, const std::string &extraEnv = "") {
-        return runCtl(args, env + " " + extraEnv);
+        CtlResult r = runCtl(args, env + " " + extraEnv);
+        r.err = withoutUnitNotices(r.err);
+        return r;
     }
     // An instance whose own server program writes its log and then fails at
     // once, or (hang) writes it and never gets as far as its lock file.
