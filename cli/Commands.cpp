@@ -322,7 +322,15 @@ int status(const Instances &all, const Options &o) {
     int code = Ok;
     if (!targets(all, o, one, code)) return code;
     QuendralInstance &i = *one.front();
-    writeOut((o.json ? dumpJson(instanceJson(i)) : statusWord(i.serverStatus())) + "\n");
+    if (o.json) {
+        writeOut(dumpJson(instanceJson(i)) + "\n");
+    } else {
+        // The status word alone, then the unit where the server has one of
+        // its own, for "systemctl --user status" and "journalctl --user -u".
+        std::string text = std::string(statusWord(i.serverStatus())) + "\n";
+        if (const std::string unit = serverUnit(i); !unit.empty()) text += "Unit: " + unit + "\n";
+        writeOut(text);
+    }
     return is(i, ServerStatusRunning) ? Ok : NotRunning;
 }
 

@@ -1,5 +1,7 @@
 #include "InstanceJson.h"
 
+#include "ServerUnit.h"
+
 namespace quendralctl {
 
 const char *statusWord(int32_t status) {
@@ -17,8 +19,16 @@ const char *statusWord(int32_t status) {
     }
 }
 
+std::string serverUnit(const QuendralInstance &i) {
+    const bool live = i.serverStatus() == ServerStatusRunning ||
+                      i.serverStatus() == ServerStatusStarting ||
+                      i.serverStatus() == ServerStatusStopping;
+    return live && i.pid() > 0 ? quendral::unitOfProcess(i.pid()) : std::string();
+}
+
 nlohmann::ordered_json instanceJson(QuendralInstance &i) {
     const auto log = i.logFile();
+    const std::string unit = serverUnit(i);
     return {
         {"name", i.instanceName()},
         {"displayName", i.displayName()},
@@ -29,6 +39,7 @@ nlohmann::ordered_json instanceJson(QuendralInstance &i) {
         {"lockFile", i.lockFile() ? nlohmann::ordered_json(*i.lockFile()) : nullptr},
         {"logFile", log ? nlohmann::ordered_json(*log) : nullptr},
         {"canStart", i.canStart()},
+        {"unit", unit.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(unit)},
     };
 }
 

@@ -10,8 +10,13 @@ namespace quendralctl {
 
 const char *statusWord(int32_t status);
 
+// The unit of the user's service manager holding the instance's live server
+// ("" for none), so that systemctl and journalctl can be pointed at it.
+std::string serverUnit(const QuendralInstance &instance);
+
 // "isDefault" is the instance's own flag (its directory is named "database");
 // the listing's "default" names the instance that acts when none is named.
+// "unit" is serverUnit, or null.
 nlohmann::ordered_json instanceJson(QuendralInstance &instance);
 
 // Serialised for output. Bytes in names or paths that are not UTF-8 (a

@@ -13,7 +13,7 @@ QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desk
     zsh fish fonts-wqy-microhei weston qt6-wayland
     xfce4-panel xfwm4 xfconf dbus-x11 lxqt-panel openbox
     sway waybar grim wtype jq libwayland-dev libwayland-bin
-    dbus-bin dbus-daemon libglib2.0-bin haskell-status-notifier-item-utils
+    dbus-bin dbus-daemon libglib2.0-bin systemd dbus-user-session haskell-status-notifier-item-utils
     "${QM_PKGS_DISPLAY[@]}")
 # Static analysis.
 QM_PKGS_LINT=(clang-tidy cppcheck)

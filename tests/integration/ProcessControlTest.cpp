@@ -1,5 +1,6 @@
 // Starting and stopping an instance's server for real, with the demo server.
 #include "ModelTestUtil.h"
+#include "ServerUnit.h"
 
 #include <gtest/gtest.h>
 
@@ -272,6 +273,21 @@ TEST_F(ProcessControl, ShutdownThatCannotSignalLogsTheErrnoAndStaysRunning) {
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
     EXPECT_NE(processState(server.pid()), 0);
+}
+
+} // namespace
+
+namespace {
+
+TEST_F(ProcessControl, WithoutAServiceManagerTheServerStartsAsBeforeWithOneLineSayingWhy) {
+    ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home / "no-bus-here");
+    ASSERT_TRUE(inst->startup());
+    ASSERT_TRUE(refreshUntil(ServerStatusRunning));
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_TRUE(log.lines[0].starts_with("the server of " + instDir +
+                                         " has no unit of its own: cannot reach the session bus"))
+        << log.lines[0];
+    EXPECT_EQ(quendral::unitOfProcess(inst->pid()), "") << "still where it was launched";
 }
 
 } // namespace
