@@ -2,6 +2,7 @@
 
 #include "FindInstance.h"
 #include "InstanceJson.h"
+#include "ServerAtLogin.h"
 #include "LogTail.h"
 #include "Output.h"
 
@@ -117,31 +118,6 @@ int report(std::vector<Outcome> &outcomes) {
     return code;
 }
 
-// The instances a start, stop or restart acts on; false (after saying why)
-// when there is none.
-bool targets(const Instances &all, const Options &o, Instances &out, int &code) {
-    if (o.all) {
-        out = all;
-        return true;
-    }
-    if (o.instance.empty()) {
-        const InstancePtr found = QuendralManager::defaultInstance(all);
-        if (!found) {
-            code = fail(NoInstance, "no default instance (give an instance name)");
-            return false;
-        }
-        out = {found};
-        return true;
-    }
-    const Found found = findInstance(all, o.instance);
-    if (!found.instance) {
-        code = fail(found.code, found.error);
-        return false;
-    }
-    out = {found.instance};
-    return true;
-}
-
 // Starts each stopped instance; with a wait, until it runs, fails or the time
 // is up.
 std::vector<Outcome> startAll(const Instances &list, const Options &o) {
@@ -233,6 +209,31 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
 
 } // namespace
 
+// The instances a start, stop or restart acts on; false (after saying why)
+// when there is none.
+bool targets(const Instances &all, const Options &o, Instances &out, int &code) {
+    if (o.all) {
+        out = all;
+        return true;
+    }
+    if (o.instance.empty()) {
+        const InstancePtr found = QuendralManager::defaultInstance(all);
+        if (!found) {
+            code = fail(NoInstance, "no default instance (give an instance name)");
+            return false;
+        }
+        out = {found};
+        return true;
+    }
+    const Found found = findInstance(all, o.instance);
+    if (!found.instance) {
+        code = fail(found.code, found.error);
+        return false;
+    }
+    out = {found.instance};
+    return true;
+}
+
 int fail(int code, const std::string &message) {
     // Messages name instances and paths: escaped on a terminal (Output.h).
     std::cerr << "quendralctl: " << shownOn(STDERR_FILENO, message) << "\n";
@@ -303,7 +304,9 @@ int list(const Instances &all, const Options &o) {
     }
     for (size_t k = 0; k < all.size(); k++) {
         const auto &i = all[k];
-        out += i == def ? "* " : "  ";
+        // "*" the default instance, "+" one whose server starts at login.
+        out += i == def ? '*' : ' ';
+        out += quendral::isEnabledAtLogin(i->directory()) ? '+' : ' ';
         pad(out, shown[k], width, false);
         out += "  ";
         pad(out, statusWord(i->serverStatus()), 8, false);
@@ -329,6 +332,7 @@ int status(const Instances &all, const Options &o) {
         // its own, for "systemctl --user status" and "journalctl --user -u".
         std::string text = std::string(statusWord(i.serverStatus())) + "\n";
         if (const std::string unit = serverUnit(i); !unit.empty()) text += "Unit: " + unit + "\n";
+        if (quendral::isEnabledAtLogin(i.directory())) text += "Enabled: at login\n";
         writeOut(text);
     }
     return is(i, ServerStatusRunning) ? Ok : NotRunning;

@@ -47,6 +47,17 @@ int env();
 // Prints the completion script for "bash", "zsh" or "fish".
 int completion(const std::string &shell);
 
+// The instances a verb acts on: --all, the one named, or the default; false
+// (after saying why, with `code` set) when there is none.
+bool targets(const Instances &all, const Options &o, Instances &out, int &code);
+
+// Makes the chosen instances' servers start at login, with the installation
+// `home` (enable), or undoes it (disable, which also takes the directory of
+// an instance that is gone). One line per instance; 0 when each is now as
+// asked.
+int enable(const Instances &all, const Options &o, const std::string &home);
+int disable(const Instances &all, const Options &o);
+
 // Prints "quendralctl: <message>" on stderr and returns code.
 int fail(int code, const std::string &message);
 

@@ -1,5 +1,6 @@
 #include "InstanceJson.h"
 
+#include "ServerAtLogin.h"
 #include "ServerUnit.h"
 
 namespace quendralctl {
@@ -40,6 +41,7 @@ nlohmann::ordered_json instanceJson(QuendralInstance &i) {
         {"logFile", log ? nlohmann::ordered_json(*log) : nullptr},
         {"canStart", i.canStart()},
         {"unit", unit.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(unit)},
+        {"enabledAtLogin", quendral::isEnabledAtLogin(i.directory())},
     };
 }
 

@@ -25,8 +25,8 @@ using namespace quendralctl;
 
 namespace {
 
-const char *const kVerbs[] = {"list",    "status", "start", "stop",
-                              "restart", "log",    "env",   "completion"};
+const char *const kVerbs[] = {"list", "status", "start",   "stop", "restart",
+                              "log",  "enable", "disable", "env",  "completion"};
 
 // The first word that is not an option (nor --home's value): the verb.
 std::string firstWord(int argc, char **argv) {
@@ -122,6 +122,14 @@ int run(int argc, char **argv) {
     logCmd->add_option("-n", o.lines, "How many lines (default 20)")->check(CLI::NonNegativeNumber);
     logCmd->add_flag("-f", o.follow, "Then print what is appended, until interrupted");
 
+    auto *enableCmd =
+        app.add_subcommand("enable", "Start an instance's server whenever you log in");
+    auto *disableCmd = app.add_subcommand("disable", "Undo enable");
+    for (auto *cmd : {enableCmd, disableCmd}) {
+        auto *name = cmd->add_option("instance", o.instance, instanceHelp);
+        cmd->add_flag("--all", o.all, "Every instance, in the listing's order")->excludes(name);
+    }
+
     auto *envCmd = app.add_subcommand("env", "Print the environment a started server inherits");
 
     std::string shell;
@@ -186,6 +194,8 @@ int run(int argc, char **argv) {
     if (stopCmd->parsed()) return stop(all, o);
     if (restartCmd->parsed()) return restart(all, o);
     if (logCmd->parsed()) return log(all, o);
+    if (enableCmd->parsed()) return enable(all, o, installation);
+    if (disableCmd->parsed()) return disable(all, o);
     return Usage;
 }
 

@@ -1,5 +1,7 @@
 #include "ServerUnit.h"
 
+#include "UserBus.h"
+
 #include <systemd/sd-bus.h>
 
 #include <cctype>
@@ -44,35 +46,6 @@ std::string randomPart() {
     return hex;
 }
 
-// The user's bus as sd_bus_open_user finds it, but with every call, the
-// connection's own greeting included, bounded by `timeoutUs`: a bus that
-// does not answer must not hang a start.
-int openUserBus(sd_bus **out, uint64_t timeoutUs, std::string &why) {
-    std::string address;
-    if (const char *env = std::getenv("DBUS_SESSION_BUS_ADDRESS"); env && *env) {
-        address = env;
-    } else if (const char *runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
-        address = std::string("unix:path=") + runtime + "/bus";
-    } else {
-        why = "no session bus (neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set)";
-        return -ENOENT;
-    }
-    sd_bus *bus = nullptr;
-    int r = sd_bus_new(&bus);
-    if (r >= 0) r = sd_bus_set_address(bus, address.c_str());
-    if (r >= 0) r = sd_bus_set_bus_client(bus, 1);
-    if (r >= 0) r = sd_bus_set_trusted(bus, 1);
-    if (r >= 0) r = sd_bus_set_method_call_timeout(bus, timeoutUs);
-    if (r >= 0) r = sd_bus_start(bus);
-    if (r < 0) {
-        why = "cannot reach the session bus: " + std::string(std::strerror(-r));
-        sd_bus_unref(bus);
-        return r;
-    }
-    *out = bus;
-    return 0;
-}
-
 } // namespace
 
 std::string unitOfProcess(pid_t pid) {
@@ -113,9 +86,8 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
                           const std::string &launcher) {
     UnitMove result;
     const auto deadline = Clock::now() + std::chrono::milliseconds(kReplyLimitMs);
-    sd_bus *bus = nullptr;
-    if (openUserBus(&bus, static_cast<uint64_t>(kReplyLimitMs) * 1000, result.why) < 0)
-        return result;
+    sd_bus *bus = openUserBus(static_cast<uint64_t>(kReplyLimitMs) * 1000, result.why);
+    if (!bus) return result;
 
     const std::string name =
         "app-" + escapeUnitPart(launcher) + "-quendral-" + randomPart() + ".scope";

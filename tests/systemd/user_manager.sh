@@ -7,6 +7,8 @@
 # dbus-user-session's socket-activated bus.
 #
 #   um_start          start it (returns 77 when this machine cannot)
+#   um_restart        stop the manager and start a new one, as a new login
+#                     would (its units stop with it: servers too)
 #   um_run CMD...     run CMD as the user inside the delegated group, with
 #                     XDG_RUNTIME_DIR and DBUS_SESSION_BUS_ADDRESS set
 #   um_stop           stop it and undo everything um_start did
@@ -48,19 +50,38 @@ um_start() {
         mkdir -p "$h/$UM_GROUP"
         chown -R "$UM_USER:" "$h/$UM_GROUP"
     done
+    um_launch || um_skip "the user manager did not come up: $(tail -5 "$UM_DIR/manager.log")"
+}
+
+# Starts the manager and waits until it has reached its default target.
+um_launch() {
+    rm -f "$UM_DIR/run/bus"
     # The manager's shell enters the group as root, then becomes the user.
-    um_enter_and_become /lib/systemd/systemd --user >"$UM_DIR/manager.log" 2>&1 &
+    um_enter_and_become /lib/systemd/systemd --user >>"$UM_DIR/manager.log" 2>&1 &
     UM_MANAGER_PID=$!
     local i state=
-    for i in $(seq 100); do
+    for i in $(seq 150); do
         state=$(um_run systemctl --user is-system-running 2>/dev/null) || true
-        case "$state" in running | degraded) break ;; esac
+        case "$state" in running | degraded) return 0 ;; esac
         sleep 0.1
     done
-    case "$state" in
-    running | degraded) ;;
-    *) um_skip "the user manager did not come up ($state): $(tail -5 "$UM_DIR/manager.log")" ;;
-    esac
+    return 1
+}
+
+um_halt() {
+    um_run systemctl --user exit >/dev/null 2>&1 || true
+    local i
+    for i in $(seq 100); do
+        kill -0 "$UM_MANAGER_PID" 2>/dev/null || break
+        sleep 0.1
+    done
+    # The bus daemon it started ends with it, as at a logout.
+    pkill -KILL -u "$UM_USER" dbus-daemon 2>/dev/null || true
+}
+
+um_restart() {
+    um_halt
+    um_launch
 }
 
 um_hierarchies() {
@@ -92,14 +113,7 @@ um_run() {
 um_stop() {
     local status=$?
     trap - EXIT
-    if [ -n "$UM_MANAGER_PID" ]; then
-        um_run systemctl --user exit >/dev/null 2>&1 || true
-        local i
-        for i in $(seq 50); do
-            kill -0 "$UM_MANAGER_PID" 2>/dev/null || break
-            sleep 0.1
-        done
-    fi
+    [ -n "$UM_MANAGER_PID" ] && um_halt
     # Whatever the user still runs (dbus-daemon, servers a failed test left).
     pkill -KILL -u "$UM_USER" 2>/dev/null || true
     sleep 0.2
