@@ -24,7 +24,7 @@ _quendralctl_home() {
 
 _quendralctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local verbs="list status start stop restart log env completion"
+    local verbs="list status start stop restart log enable disable env completion"
     local i verb="" home=()
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
@@ -57,6 +57,7 @@ _quendralctl() {
     status) opts="--json" ;;
     start | stop | restart) opts="--all --wait" ;;
     log) opts="-n -f" ;;
+    enable | disable) opts="--all" ;;
     completion)
         mapfile -t COMPREPLY < <(compgen -W "bash zsh fish" -- "$cur")
         return

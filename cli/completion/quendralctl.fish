@@ -29,7 +29,7 @@ function __quendralctl_instances
     command $cmd[1] $home list --names 2>/dev/null
 end
 
-set -l verbs list status start stop restart log env completion
+set -l verbs list status start stop restart log enable disable env completion
 complete -c quendralctl -f
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -l home -x -a '(__fish_complete_directories)' -d 'Installation directory'
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -l help -d 'Show the help'
@@ -39,15 +39,17 @@ complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a status -d
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a start -d "Start an instance's server"
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a stop -d "Stop an instance's server"
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a restart -d "Stop and start an instance's server"
+complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a enable -d "Start an instance's server at login"
+complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a disable -d "No longer start it at login"
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a log -d "Show and follow an instance's log"
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a env -d 'Print the environment a started server inherits'
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a completion -d 'Print a shell completion script'
 complete -c quendralctl -n "__fish_seen_subcommand_from list" -l json -d 'Print JSON'
 complete -c quendralctl -n "__fish_seen_subcommand_from list" -l names -d 'Print the names alone'
 complete -c quendralctl -n "__fish_seen_subcommand_from status" -l json -d 'Print JSON'
-complete -c quendralctl -n "__fish_seen_subcommand_from start stop restart" -l all -d 'Every instance'
+complete -c quendralctl -n "__fish_seen_subcommand_from start stop restart enable disable" -l all -d 'Every instance'
 complete -c quendralctl -n "__fish_seen_subcommand_from start stop restart" -l wait -x -d 'Seconds to wait'
 complete -c quendralctl -n "__fish_seen_subcommand_from log" -s n -x -d 'Number of lines'
 complete -c quendralctl -n "__fish_seen_subcommand_from log" -s f -d 'Follow what is appended'
 complete -c quendralctl -n "__fish_seen_subcommand_from completion" -x -a 'bash zsh fish'
-complete -c quendralctl -n "__fish_seen_subcommand_from status start stop restart log" -x -a '(__quendralctl_instances)'
+complete -c quendralctl -n "__fish_seen_subcommand_from status start stop restart log enable disable" -x -a '(__quendralctl_instances)'
