@@ -48,24 +48,31 @@ int pidfdSendSignal(int fd, int sig) {
 #endif
 }
 
+// Reads the start of /proc/PID/NAME into buf as a NUL-terminated text; false
+// when the process or the file cannot be read. Such files are produced whole
+// by one read of this size.
+bool readProcFile(pid_t pid, const char *name, char *buf, size_t size) {
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%d/%s", static_cast<int>(pid), name);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    ssize_t n;
+    do n = read(fd, buf, size - 1);
+    while (n < 0 && errno == EINTR);
+    ::close(fd);
+    if (n <= 0) return false;
+    buf[n] = '\0';
+    return true;
+}
+
 } // namespace
 
 // Fields 3 (state) and 22 (start time) of /proc/PID/stat. The command name
 // (field 2) may hold blanks and parentheses, so the fields are counted from
 // the last ')'.
 std::optional<ProcessStat> readProcessStat(pid_t pid) {
-    if (pid <= 0) return std::nullopt;
-    char path[32];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
     char buf[1024];
-    ssize_t n;
-    do n = read(fd, buf, sizeof buf - 1);
-    while (n < 0 && errno == EINTR);
-    ::close(fd);
-    if (n <= 0) return std::nullopt;
-    buf[n] = '\0';
+    if (pid <= 0 || !readProcFile(pid, "stat", buf, sizeof buf)) return std::nullopt;
     const char *p = std::strrchr(buf, ')');
     if (!p) return std::nullopt;
     p++;
@@ -94,16 +101,8 @@ std::optional<uid_t> processUser(pid_t pid) {
     struct stat st;
     if (stat(path, &st) != 0) return std::nullopt;
     if (st.st_uid != 0) return st.st_uid;
-    std::snprintf(path, sizeof path, "/proc/%d/status", static_cast<int>(pid));
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
     char buf[4096];
-    ssize_t n;
-    do n = read(fd, buf, sizeof buf - 1);
-    while (n < 0 && errno == EINTR);
-    ::close(fd);
-    if (n <= 0) return std::nullopt;
-    buf[n] = '\0';
+    if (!readProcFile(pid, "status", buf, sizeof buf)) return std::nullopt;
     // "Uid:\treal\teffective\tsaved\tfilesystem"
     const char *line = std::strstr(buf, "\nUid:");
     if (!line) return std::nullopt;

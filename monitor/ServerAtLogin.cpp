@@ -1,6 +1,7 @@
 #include "ServerAtLogin.h"
 
 #include "PathUtil.h"
+#include "ServerUnit.h"
 #include "UserBus.h"
 
 #include <systemd/sd-bus.h>
@@ -170,18 +171,16 @@ std::string escapeUnitPath(const std::string &path) {
     }
     while (!tidy.empty() && tidy.back() == '/') tidy.pop_back();
     if (tidy.empty()) return "-";
+    // Each byte as in any unit name ("." kept but at the very start), and
+    // "/" as "-".
     std::string out;
     for (size_t i = 0; i < tidy.size(); i++) {
-        const unsigned char c = static_cast<unsigned char>(tidy[i]);
-        if (c == '/') {
+        if (tidy[i] == '/')
             out += '-';
-        } else if (std::isalnum(c) || c == ':' || c == '_' || (c == '.' && i > 0)) {
-            out += static_cast<char>(c);
-        } else {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", c);
-            out += hex;
-        }
+        else if (tidy[i] == '.' && i > 0)
+            out += '.';
+        else
+            out += escapeUnitNamePart(tidy.substr(i, 1));
     }
     return out;
 }

@@ -22,22 +22,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Unit names allow [A-Za-z0-9:_.\\-]; systemd writes anything else, and a "-"
-// inside a name part (the separator of its parts), as \xNN.
-std::string escapeUnitPart(const std::string &part) {
-    std::string out;
-    for (const unsigned char c : part) {
-        if (std::isalnum(c) || c == '_' || c == '.' || c == ':') {
-            out += static_cast<char>(c);
-        } else {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", c);
-            out += hex;
-        }
-    }
-    return out;
-}
-
 std::string randomPart() {
     std::random_device device;
     std::uniform_int_distribution<unsigned long long> any;
@@ -47,6 +31,21 @@ std::string randomPart() {
 }
 
 } // namespace
+
+std::string escapeUnitNamePart(const std::string &part) {
+    std::string out;
+    for (size_t i = 0; i < part.size(); i++) {
+        const unsigned char c = static_cast<unsigned char>(part[i]);
+        if (std::isalnum(c) || c == '_' || c == ':' || (c == '.' && i > 0)) {
+            out += static_cast<char>(c);
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        }
+    }
+    return out;
+}
 
 std::string unitOfProcess(pid_t pid) {
     char path[48];
@@ -90,7 +89,7 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
     if (!bus) return result;
 
     const std::string name =
-        "app-" + escapeUnitPart(launcher) + "-quendral-" + randomPart() + ".scope";
+        "app-" + escapeUnitNamePart(launcher) + "-quendral-" + randomPart() + ".scope";
     const std::string description = "Quendral server of " + instanceDirectory;
     sd_bus_message *call = nullptr;
     sd_bus_message *reply = nullptr;

@@ -39,6 +39,11 @@ struct UnitMove {
 UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
                           const std::string &launcher);
 
+// One part of a unit name as systemd writes it: letters, digits, ":" and
+// "_" as they are, "." too but first; every other byte, and "-" (which
+// separates the parts of a name), as \xNN.
+std::string escapeUnitNamePart(const std::string &part);
+
 // The unit of the user's service manager that holds `pid` (from its control
 // group), or "" where it is in none or this cannot be read.
 std::string unitOfProcess(pid_t pid);

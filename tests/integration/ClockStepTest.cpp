@@ -34,21 +34,13 @@ class ClockStep {
     bool ok_ = false;
 };
 
-class ClockStepTest : public ::testing::Test {
+class ClockStepTest : public CtlInstallation {
   protected:
-    TempDir home;
-    std::string env;
     std::string dir;
     void SetUp() override {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to step the clock";
-        fs::create_directories(home / "bin");
-        fs::copy_file(demoServerPath(), home / "bin/quendral");
-        env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
+        CtlInstallation::SetUp();
         dir = makeInstanceDir(home, "database");
-    }
-    void TearDown() override { runCtl("stop --all --wait 10", env); }
-    CtlResult ctl(const std::string &args, const std::string &extra = "") {
-        return runCtl(args, env + " " + extra);
     }
 };
 

@@ -1,4 +1,5 @@
 #include "CtlRunner.h"
+#include "ModelTestUtil.h"
 
 #include "TempDir.h"
 
@@ -44,6 +45,22 @@ CtlResult runShell(const std::string &command) {
     const int status = pclose(p);
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     r.err = readFile(errFile);
+    return r;
+}
+
+void CtlInstallation::SetUp() {
+    std::filesystem::create_directories(home / "bin");
+    std::filesystem::copy_file(demoServerPath(), home / "bin/quendral");
+    env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
+}
+
+void CtlInstallation::TearDown() {
+    runCtl("stop --all --wait 10", env);
+}
+
+CtlResult CtlInstallation::ctl(const std::string &args, const std::string &extraEnv) {
+    CtlResult r = runCtl(args, env + " " + extraEnv);
+    r.err = withoutUnitNotices(r.err);
     return r;
 }
 

@@ -1,6 +1,10 @@
 // Runs quendralctl as a whole process through the shell, as a user would.
 #pragma once
 
+#include "TempDir.h"
+
+#include <gtest/gtest.h>
+
 #include <string>
 
 namespace testsupport {
@@ -26,5 +30,19 @@ std::string withoutUnitNotices(const std::string &text);
 
 // Quotes a path for the shell.
 std::string shellQuote(const std::string &s);
+
+// An installation whose bin/quendral is the demo server (serving no page),
+// for tests that run quendralctl on it. Every server is stopped at the end.
+class CtlInstallation : public ::testing::Test {
+  protected:
+    TempDir home;
+    // The environment every run gets: QUENDRAL_HOME and no web page.
+    std::string env;
+    void SetUp() override;
+    void TearDown() override;
+    // quendralctl with `args` (and more environment), its notices that a
+    // server has no unit of its own left out of its errors.
+    CtlResult ctl(const std::string &args, const std::string &extraEnv = "");
+};
 
 } // namespace testsupport

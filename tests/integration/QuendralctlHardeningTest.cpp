@@ -16,18 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class QuendralctlHardening : public ::testing::Test {
-  protected:
-    TempDir home;
-    std::string env;
-    void SetUp() override {
-        fs::create_directories(home / "bin");
-        fs::copy_file(demoServerPath(), home / "bin/quendral");
-        env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
-    }
-    void TearDown() override { runCtl("stop --all --wait 10", env); }
-    CtlResult ctl(const std::string &args) { return runCtl(args, env); }
-};
+class QuendralctlHardening : public CtlInstallation {};
 
 TEST_F(QuendralctlHardening, PidOneOfAPidNamespaceIsNeverTheServer) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root for a pid namespace";

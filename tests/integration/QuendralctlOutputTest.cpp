@@ -16,22 +16,12 @@ namespace {
 
 const std::string kCannotWrite = "quendralctl: cannot write the output: No space left on device\n";
 
-class QuendralctlOutput : public ::testing::Test {
+class QuendralctlOutput : public CtlInstallation {
   protected:
-    TempDir home;
-    std::string env;
     void SetUp() override {
-        fs::create_directories(home / "bin");
-        fs::copy_file(demoServerPath(), home / "bin/quendral");
+        CtlInstallation::SetUp();
         makeInstanceDir(home, "database");
         makeInstanceDir(home, "sales");
-        env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
-    }
-    void TearDown() override { runCtl("stop --all --wait 10", env); }
-    CtlResult ctl(const std::string &args) {
-        CtlResult r = runCtl(args, env);
-        r.err = withoutUnitNotices(r.err);
-        return r;
     }
     // The command with its standard output on /dev/full, where every write
     // fails with ENOSPC.

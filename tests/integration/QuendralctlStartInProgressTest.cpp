@@ -19,19 +19,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class StartInProgress : public ::testing::Test {
+class StartInProgress : public CtlInstallation {
   protected:
-    TempDir home;
-    std::string env;
     std::string dir;
     void SetUp() override {
-        fs::create_directories(home / "bin");
-        fs::copy_file(demoServerPath(), home / "bin/quendral");
-        env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
+        CtlInstallation::SetUp();
         dir = makeInstanceDir(home, "database");
-    }
-    CtlResult ctl(const std::string &args, const std::string &extraEnv = "") {
-        return runCtl(args, env + " " + extraEnv);
     }
     // Runs `count` quendralctl processes with `args` at once; their exit
     // statuses.

@@ -26,21 +26,8 @@ std::vector<std::string> linesOf(const std::string &text) {
     return lines;
 }
 
-class QuendralctlVerbs : public ::testing::Test {
+class QuendralctlVerbs : public CtlInstallation {
   protected:
-    TempDir home;
-    std::string env;
-    void SetUp() override {
-        fs::create_directories(home / "bin");
-        fs::copy_file(demoServerPath(), home / "bin/quendral");
-        env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
-    }
-    void TearDown() override { runCtl("stop --all --wait 10", env); }
-    CtlResult ctl(const std::string &args, const std::string &extraEnv = "") {
-        CtlResult r = runCtl(args, env + " " + extraEnv);
-        r.err = withoutUnitNotices(r.err);
-        return r;
-    }
     // An instance whose own server program writes its log and then fails at
     // once, or (hang) writes it and never gets as far as its lock file.
     std::string brokenInstance(const std::string &name, bool hang) {

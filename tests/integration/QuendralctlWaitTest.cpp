@@ -16,18 +16,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class QuendralctlWait : public ::testing::Test {
+class QuendralctlWait : public CtlInstallation {
   protected:
-    TempDir home;
-    std::string env;
     std::string dir;
     void SetUp() override {
-        fs::create_directories(home / "bin");
-        fs::copy_file(demoServerPath(), home / "bin/quendral");
-        env = "QUENDRAL_HOME=" + shellQuote(home.path()) + " QUENDRAL_DEMO_HTTP_PORT=0";
+        CtlInstallation::SetUp();
         dir = makeInstanceDir(home, "database");
     }
-    void TearDown() override { runCtl("stop --all --wait 10", env); }
     CtlResult ctl(const std::string &args) { return runCtl(args, env); }
     int lockPid() {
         try {
