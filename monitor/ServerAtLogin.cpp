@@ -131,21 +131,22 @@ enum class Ask { Enable, Disable, Reload };
 // set); else whether it did (`error` set when not).
 std::optional<bool> askManager(Ask what, const std::string &unit, std::string &why,
                                std::string &error) {
-    sd_bus *bus = openUserBus(kManagerTimeoutUs, why);
+    sd_bus *bus = openManagerBus(kManagerTimeoutUs, why);
     if (!bus) return std::nullopt;
     sd_bus_error e = SD_BUS_ERROR_NULL;
     auto call = [&](const char *member, const char *types, auto... args) {
+        sd_bus_message *message = newManagerCall(bus, member);
         sd_bus_message *reply = nullptr;
-        const int r = sd_bus_call_method(
-            bus, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-            "org.freedesktop.systemd1.Manager", member, &e, &reply, types, args...);
+        int r = message ? 0 : -ENOMEM;
+        if (r >= 0 && types[0]) r = sd_bus_message_append(message, types, args...);
+        if (r >= 0) r = sd_bus_call(bus, message, 0, &e, &reply);
         sd_bus_message_unref(reply);
+        sd_bus_message_unref(message);
         return r;
     };
     // Reload first: the manager must know a unit file written just now.
     int r = call("Reload", "");
-    if (r == -ENOENT || r == -ECONNREFUSED ||
-        sd_bus_error_has_name(&e, SD_BUS_ERROR_SERVICE_UNKNOWN)) {
+    if (isNoManager(r, e)) {
         why = "no service manager on the session bus";
         sd_bus_error_free(&e);
         sd_bus_flush_close_unref(bus);

@@ -85,7 +85,7 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
                           const std::string &launcher) {
     UnitMove result;
     const auto deadline = Clock::now() + std::chrono::milliseconds(kReplyLimitMs);
-    sd_bus *bus = openUserBus(static_cast<uint64_t>(kReplyLimitMs) * 1000, result.why);
+    sd_bus *bus = openManagerBus(static_cast<uint64_t>(kReplyLimitMs) * 1000, result.why);
     if (!bus) return result;
 
     const std::string name =
@@ -94,9 +94,8 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
     sd_bus_message *call = nullptr;
     sd_bus_message *reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    int r = sd_bus_message_new_method_call(
-        bus, &call, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-        "org.freedesktop.systemd1.Manager", "StartTransientUnit");
+    call = newManagerCall(bus, "StartTransientUnit");
+    int r = call ? 0 : -ENOMEM;
     if (r >= 0) r = sd_bus_message_append(call, "ss", name.c_str(), "fail");
     if (r >= 0) r = sd_bus_message_open_container(call, 'a', "(sv)");
     if (r >= 0) r = sd_bus_message_append(call, "(sv)", "Description", "s", description.c_str());
@@ -112,7 +111,9 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
     if (r >= 0) r = sd_bus_message_append(call, "a(sa(sv))", 0);
     if (r >= 0)
         r = sd_bus_call(bus, call, static_cast<uint64_t>(kReplyLimitMs) * 1000, &error, &reply);
-    if (r < 0) {
+    if (r < 0 && isNoManager(r, error)) {
+        result.why = "no service manager on the session bus";
+    } else if (r < 0) {
         result.why = std::string("the service manager refused a scope: ") +
                      (error.message ? error.message : std::strerror(-r));
     } else {
