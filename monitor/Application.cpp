@@ -1,9 +1,11 @@
 #include "Application.h"
 
+#include "DBusMenuExporter.h"
 #include "Environment.h"
 #include "Localization.h"
 #include "LoginItems.h"
 #include "Log.h"
+#include "SniItem.h"
 #include "TrayIcon.h"
 
 #include <QCoreApplication>
@@ -15,6 +17,7 @@
 #include <QDateTime>
 #include <QDesktopServices>
 #include <QGuiApplication>
+#include <QIcon>
 #include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
@@ -64,6 +67,9 @@ Application::Application(std::string bundlePath) : _bundlePath(std::move(bundleP
     });
     _menuUpdateTimer.setInterval(500);
     connect(&_menuUpdateTimer, &QTimer::timeout, this, &Application::menuTimerFired);
+    _noTrayTimer.setSingleShot(true);
+    _noTrayTimer.setInterval(kNoTrayNoticeMs);
+    connect(&_noTrayTimer, &QTimer::timeout, this, &Application::noticeMissingTray);
 }
 
 Application::~Application() {
@@ -72,26 +78,33 @@ Application::~Application() {
 
 QString Application::itemText(const QString &shown) const {
     QString s = shown;
-    if (hostDrawsMenu()) {
-        // The tray host draws the menu from a D-Bus description in which "_"
-        // marks a mnemonic ("__" is a literal one), and Qt turns the first
-        // "&" of the text into that "_": doubling the first "&" makes it
-        // show as itself. A tab has no meaning there.
+    if (qtExportsMenu()) {
+        // The tray host draws the menu from Qt's D-Bus description, in which
+        // "_" marks a mnemonic ("__" is a literal one), and Qt turns the
+        // first "&" of the text into that "_": doubling the first "&" makes
+        // it show as itself. A tab has no meaning there.
         s.replace(QLatin1Char('_'), QLatin1String("__"));
         const qsizetype amp = s.indexOf(QLatin1Char('&'));
         if (amp >= 0) s.insert(amp, QLatin1Char('&'));
         return s;
     }
-    // Qt draws the menu: it reads "&" as a mnemonic marker (doubling shows
-    // it) and a tab as the start of the shortcut column, so a tab in a
-    // directory name is shown as the space it stands for.
+    // Qt draws the menu, or the monitor's own D-Bus menu describes it from
+    // these texts: "&" is a mnemonic marker (doubling shows it) and a tab the
+    // start of the shortcut column, so a tab in a directory name is shown as
+    // the space it stands for.
     return s.replace(QLatin1Char('&'), QLatin1String("&&"))
         .replace(QLatin1Char('\t'), QLatin1Char(' '));
 }
 
 bool Application::hostDrawsMenu() const {
-    // A StatusNotifierItem host draws the menu from the description Qt
-    // exports over D-Bus; Qt then gives the menu a platform counterpart.
+    // A StatusNotifierItem host draws the menu from the description exported
+    // over D-Bus: the monitor's own, or Qt's, should Qt's icon have found a
+    // host.
+    return _sniItem || qtExportsMenu();
+}
+
+bool Application::qtExportsMenu() const {
+    // Qt gives the menu a platform counterpart when it exports it.
     return _statusItem && _menu && _menu->platformMenu();
 }
 
@@ -107,9 +120,9 @@ void Application::applicationDidFinishLaunching() {
     setupGlobalEnvironment();
     createMenu();
 
-    // Qt decides once, when the icon is made, whether a D-Bus host
-    // (StatusNotifierItem) or an X11 tray (XEmbed) shows it. X11 trays take
-    // the icon whenever they appear, so there it is made at once; elsewhere
+    // Whether a D-Bus host (StatusNotifierItem) or an X11 tray (XEmbed)
+    // shows the icon is decided once, when it is made. X11 trays take the
+    // icon whenever they appear, so there it is made at once; elsewhere
     // (Wayland) only a D-Bus host can show it, and the icon waits for one,
     // as at login, when the monitor may start before the panel.
     QDBusConnection bus = QDBusConnection::sessionBus();
@@ -124,13 +137,81 @@ void Application::applicationDidFinishLaunching() {
         bus.connect(kWatcherService, kWatcherPath, kWatcherService,
                     QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(hostRegistered()));
     }
-    if (x11 || !bus.isConnected() || statusNotifierHostRegistered(bus)) createStatusItem();
-    if (x11 || QGuiApplication::platformName() == QLatin1String("wayland"))
-        QTimer::singleShot(kNoTrayNoticeMs, this, &Application::noticeMissingTray);
+    // The check for a missing tray is armed only while no tray has the
+    // icon, so a docked monitor sleeps until the user opens the menu.
+    if (x11 || QGuiApplication::platformName() == QLatin1String("wayland")) _noTrayTimer.start();
+    if (bus.isConnected() && statusNotifierHostRegistered(bus))
+        createDBusStatusItem();
+    else if (x11 || !bus.isConnected())
+        createTrayIcon();
 }
 
 void Application::createStatusItem() {
-    if (_statusItem) return;
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (bus.isConnected() && statusNotifierHostRegistered(bus))
+        createDBusStatusItem();
+    else
+        createTrayIcon();
+}
+
+void Application::docked() {
+    _noTrayTimer.stop();
+}
+
+void Application::createDBusStatusItem() {
+    if (_statusItem || _sniItem) return;
+    // The packaged icon by its theme name, where the theme has it (a host
+    // prefers a name to pixmaps, and a name it cannot find shows as a
+    // broken icon); the drawn Q as pixmaps in any case.
+    const QString themeName = QStringLiteral("quendral-monitor");
+    _sniItem = std::make_unique<SniItem>(quendral::makeTrayIcon(),
+                                         QIcon::hasThemeIcon(themeName) ? themeName : QString(),
+                                         text("Tarnwick Quendral"), _menu.get());
+    if (!_sniItem->isExported()) {
+        quendral::logMessage("The status item could not be put on the session bus");
+        _sniItem.reset();
+        createTrayIcon();
+        return;
+    }
+    // The host draws the menu and tells what happens to it through the
+    // exported menu's calls. What the hosts send, as found:
+    //   xfce4-panel 4.18 and waybar 0.9: AboutToShowGroup([0]) at each
+    //     opening, by a left or a right click; nothing at all when the menu
+    //     closes.
+    //   lxqt-panel 1.2: AboutToShow(0) and Event(0, "opened") at each
+    //     opening by a right click, Event(0, "closed") at each closing; a
+    //     left click sends Activate instead (it never reads ItemIsMenu), and
+    //     the menu Qt draws opens and closes as such.
+    // So the refresh starts at whichever comes first and stops at "closed";
+    // hosts that have never said "closed" (xfce4-panel, waybar) get a stop
+    // kSilentHostRefreshMs after the opening or the last pointing at an item.
+    DBusMenuExporter *exporter = _sniItem->menuExporter();
+    connect(exporter, &DBusMenuExporter::menuAboutToShow, this, &Application::menuWillOpen);
+    connect(exporter, &DBusMenuExporter::menuOpened, this, [this] {
+        // Usually just after AboutToShow, which did the work already.
+        if (_menuUpdateTimer.isActive())
+            _menuOpenedAt = now();
+        else
+            menuWillOpen();
+    });
+    connect(exporter, &DBusMenuExporter::menuClosed, this, [this] {
+        _hostReportsClosing = true;
+        menuDidClose();
+    });
+    connect(exporter, &DBusMenuExporter::itemHovered, this, [this] { _menuOpenedAt = now(); });
+    connect(_sniItem.get(), &SniItem::activated, this, &Application::popUpMenu);
+    // Some tray hosts show an empty menu for good if it had no items when
+    // the item was registered, so it is filled once now, with the texts made
+    // for a host, before the watcher hears of it.
+    menuWillOpen();
+    menuDidClose();
+    _sniItem->registerWithWatcher();
+    // Made only once a host is there to show it.
+    docked();
+}
+
+void Application::createTrayIcon() {
+    if (_statusItem || _sniItem) return;
     _statusItem = std::make_unique<QSystemTrayIcon>();
     _statusItem->setIcon(quendral::makeTrayIcon());
     _statusItem->setContextMenu(_menu.get());
@@ -150,21 +231,32 @@ void Application::createStatusItem() {
                     _menu->popup(QCursor::pos());
             });
     _statusItem->show();
+    if (hostDrawsMenu() || QSystemTrayIcon::isSystemTrayAvailable()) docked();
+}
+
+void Application::popUpMenu(int x, int y) {
+    // A host that does not honour ItemIsMenu (lxqt-panel 1.2 never reads it)
+    // asks for activation on a left click: on X11 the menu Qt draws opens
+    // at the pointer, as the host's own would.
+    if (!_menu->isVisible()) _menu->popup(QPoint(x, y));
 }
 
 void Application::hostRegistered() {
+    if (_sniItem && !_sniItem->isRegistered()) _sniItem->registerWithWatcher();
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!_statusItem && statusNotifierHostRegistered(bus)) createStatusItem();
+    if (!_statusItem && !_sniItem && statusNotifierHostRegistered(bus)) createDBusStatusItem();
 }
 
 void Application::watcherAppeared() {
-    if (!_statusItem) {
+    if (!_statusItem && !_sniItem) {
         hostRegistered();
         return;
     }
     // A new watcher knows nothing of the item registered with the one
     // before it: register again.
-    if (hostDrawsMenu()) {
+    if (_sniItem) {
+        _sniItem->registerWithWatcher();
+    } else if (hostDrawsMenu()) {
         _statusItem->hide();
         _statusItem->show();
     }
@@ -172,6 +264,7 @@ void Application::watcherAppeared() {
 
 void Application::noticeMissingTray() {
     if (_trayNoticeGiven) return;
+    if (_sniItem) return;
     if (_statusItem && (hostDrawsMenu() || QSystemTrayIcon::isSystemTrayAvailable())) return;
     _trayNoticeGiven = true;
     quendral::logMessage(
@@ -191,7 +284,7 @@ QMenu *Application::createMenu() {
     connect(_menu.get(), &QMenu::aboutToShow, this, &Application::menuWillOpen);
     connect(_menu.get(), &QMenu::aboutToHide, this, [this] {
         // A host that says the menu closed will say it again.
-        if (hostDrawsMenu() && _menuUpdateTimer.isActive()) _hostReportsClosing = true;
+        if (qtExportsMenu() && _menuUpdateTimer.isActive()) _hostReportsClosing = true;
         menuDidClose();
     });
     // Pointing at an item shows the menu is still open where the host
@@ -295,11 +388,13 @@ void Application::menuTimerFired() {
     // last pointing at an item), the others a long one should the message
     // be lost.
     bool closed;
-    if (hostDrawsMenu())
+    if (_menu->isVisible())
+        closed = false;
+    else if (hostDrawsMenu())
         closed = now() - _menuOpenedAt >
                  (_hostReportsClosing ? kMenuRefreshLimitMs : kSilentHostRefreshMs);
     else
-        closed = !_menu->isVisible();
+        closed = true;
     if (closed) {
         menuDidClose();
         return;

@@ -16,6 +16,7 @@
 #include <string>
 
 class QMessageBox;
+class SniItem;
 
 // A menu item standing for one instance; it keeps its instance alive for as
 // long as the item lives, and remembers which action it currently runs.
@@ -56,8 +57,9 @@ class Application : public QObject {
     void openUrl(const QString &url);
     bool confirm(const std::shared_ptr<QuendralInstance> &instance, bool start);
     QMenu *createMenu();
-    // Makes the tray icon, now or, where none can show it yet, once a tray
-    // host appears.
+    // Makes the tray icon: the monitor's own StatusNotifierItem where a
+    // D-Bus tray host is there to show it, else Qt's icon for an X11 tray
+    // (XEmbed). Where neither can show it yet, the item waits for a host.
     void createStatusItem();
     void updateMenuItem(InstanceAction *item, const QuendralInstance &instance);
     Q_INVOKABLE void applicationDidFinishLaunching();
@@ -70,7 +72,12 @@ class Application : public QObject {
 
     // For the tests and the tray glue.
     QMenu *menu() const { return _menu.get(); }
+    // Qt's tray icon, where an X11 tray (XEmbed) shows the icon, else null.
     QSystemTrayIcon *statusItem() const { return _statusItem.get(); }
+    // The D-Bus status item, where a tray host shows it, else null.
+    SniItem *sniItem() const { return _sniItem.get(); }
+    // Whether a check for a missing tray is pending.
+    bool noTrayCheckPending() const { return _noTrayTimer.isActive(); }
     // Runs exactly while the menu is open.
     QTimer *menuUpdateTimer() { return &_menuUpdateTimer; }
     bool inModalDialog() const { return _inModalDialog; }
@@ -106,6 +113,13 @@ class Application : public QObject {
 
   private:
     bool hostDrawsMenu() const;
+    // Whether Qt's own icon exports the menu to a D-Bus host.
+    bool qtExportsMenu() const;
+    void popUpMenu(int x, int y);
+    void createDBusStatusItem();
+    void createTrayIcon();
+    // The tray took the icon: no notice of a missing one is needed.
+    void docked();
     QAction *addGeneralItem(const char *title, bool enabled);
     // The instance items as the instances are now, changing only what
     // differs, so a host that draws the menu sees few updates.
@@ -116,6 +130,9 @@ class Application : public QObject {
     // The menu outlives the icon that shows it (members go in reverse order).
     std::unique_ptr<QMenu> _menu;
     std::unique_ptr<QSystemTrayIcon> _statusItem;
+    std::unique_ptr<SniItem> _sniItem;
+    // Runs only while no tray has taken the icon.
+    QTimer _noTrayTimer;
     qint64 _psn = 0; // our own process, brought to the front for an alert
     QTimer _menuUpdateTimer;
     bool _inModalDialog = false;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The real tray executable on a D-Bus session with a StatusNotifierItem
 # watcher (status-notifier-watcher), talked to as a tray host talks to it:
-# the host registers, reads the item and its exported menu, sends the menu's
+# the host registers, reads the item's properties (a menu-only item, its
+# category, title and icon pixmaps) and its exported menu, sends the menu's
 # "opened"/"closed" events and clicks items. Checks the labels (a host draws
 # "_" as a mnemonic marker), that the open menu follows a server's start and
 # stops following once closed, that "Start" + Return in the alert starts the
@@ -66,6 +67,23 @@ prop() {
         --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem "$1"
 }
 prop ToolTip | grep -q "'Tarnwick Quendral'" || fail "tool tip: $(prop ToolTip)"
+# A menu-only item: hosts show its menu on a left click as on a right one.
+[ "$(prop ItemIsMenu)" = "(<true>,)" ] || fail "ItemIsMenu: $(prop ItemIsMenu)"
+[ "$(prop Category)" = "(<'ApplicationStatus'>,)" ] || fail "Category: $(prop Category)"
+[ "$(prop Title)" = "(<'Quendral Monitor'>,)" ] || fail "Title: $(prop Title)"
+[ "$(prop Id)" = "(<'quendral-monitor'>,)" ] || fail "Id: $(prop Id)"
+[ "$(prop Status)" = "(<'Active'>,)" ] || fail "Status: $(prop Status)"
+# The icon as pixmaps at the sizes panels draw, each width x height ARGB
+# pixels in network byte order: the disc's opaque blue reads ff 1f 5f a8.
+prop IconPixmap >"$work/pixmaps"
+sizes=$(grep -oE '\(([0-9]+), [0-9]+, \[' "$work/pixmaps" | grep -oE '^\([0-9]+' | tr -d '(' | tr '\n' ' ')
+for size in 16 22 24 32 48; do
+    [[ " $sizes" == *" $size "* ]] || fail "no ${size}x$size pixmap (sizes: $sizes)"
+done
+bytes16=$(sed -E 's/\), \(/\n/g' "$work/pixmaps" | grep -E '^[^0-9]*16, 16,' | grep -o '0x' | wc -l)
+[ "$bytes16" -eq $((16 * 16 * 4)) ] || fail "the 16x16 pixmap has $bytes16 bytes"
+grep -q '0xff, 0x1f, 0x5f, 0xa8' "$work/pixmaps" || fail "no blue ARGB pixel in network byte order"
+echo "item properties as a host reads them: menu-only, category, title, pixmaps $sizes"
 menu_path=$(prop Menu | grep -o "'/[^']*'" | tr -d "'")
 menu() {
     gdbus call --session --dest "$item" --object-path "$menu_path" --method "$@"
@@ -93,6 +111,11 @@ Quit Quendral Monitor"
 actual=$(items | cut -d' ' -f2-)
 [ "$actual" = "$expected" ] || fail "menu labels:
 $actual"
+# The states a host draws: disabled items, the check box, the shortcut.
+layout | grep -qE "'label': <'Open Diagnostic Messages'>, 'enabled': <false>|'enabled': <false>, 'label': <'Open Diagnostic Messages'>|'enabled': <false>[^}]*'Open Diagnostic Messages'" ||
+    fail "the log item is not disabled: $(layout)"
+layout | grep -qE "'toggle-type': <'checkmark'>" || fail "no check box in $(layout)"
+layout | grep -qE "'shortcut': <\[\['Control', 'Q'\]\]>" || fail "no shortcut in $(layout)"
 echo "menu exported with the labels a host shows as the texts given"
 
 # An opening that finds everything as it was sends the host no new layout:
@@ -111,14 +134,18 @@ updates=$(grep -c 'LayoutUpdated' "$work/signals.log" || true)
 [ "$updates" -eq 0 ] || fail "three openings sent $updates layout updates"
 echo "openings send no layout updates"
 
-# A left click (Activate) opens no menu of Qt's own beside the host's.
+# A host that sends Activate for a menu-only item (one that never reads
+# ItemIsMenu) draws no menu: on X11 the monitor's own opens at the point.
 gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
     --method org.kde.StatusNotifierItem.Activate 10 10 >/dev/null
-sleep 1
-if xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1; then
-    fail "a left click showed a window"
-fi
-echo "left click shows no menu of its own"
+own_menu() { xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1; }
+qm_until 5 own_menu || fail "Activate opened no menu"
+eval "$(xdotool getwindowgeometry --shell "$(xdotool search --onlyvisible --classname '^quendral-monitor$' | head -1)" | grep -E '^(X|Y)=')"
+[ "$X" -le 20 ] && [ "$Y" -le 20 ] || fail "the menu opened at $X,$Y, not at the point given"
+xdotool key Escape
+qm_until 5 sh -c "! xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1" ||
+    fail "Escape did not close the menu"
+echo "Activate opens the monitor's menu at the point"
 
 # Opened: the menu follows a server started meanwhile.
 menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null

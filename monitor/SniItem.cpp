@@ -1,0 +1,149 @@
+#include "SniItem.h"
+
+#include "DBusMenuExporter.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDBusPendingCall>
+#include <QDBusPendingCallWatcher>
+#include <QGuiApplication>
+#include <QImage>
+#include <QPixmap>
+#include <QtEndian>
+
+QDBusArgument &operator<<(QDBusArgument &arg, const SniIconPixmap &pixmap) {
+    arg.beginStructure();
+    arg << pixmap.width << pixmap.height << pixmap.bytes;
+    arg.endStructure();
+    return arg;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &arg, SniIconPixmap &pixmap) {
+    arg.beginStructure();
+    arg >> pixmap.width >> pixmap.height >> pixmap.bytes;
+    arg.endStructure();
+    return arg;
+}
+
+QDBusArgument &operator<<(QDBusArgument &arg, const SniToolTip &tip) {
+    arg.beginStructure();
+    arg << tip.iconName << tip.iconPixmaps << tip.title << tip.description;
+    arg.endStructure();
+    return arg;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &arg, SniToolTip &tip) {
+    arg.beginStructure();
+    arg >> tip.iconName >> tip.iconPixmaps >> tip.title >> tip.description;
+    arg.endStructure();
+    return arg;
+}
+
+namespace {
+
+const QString kWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
+
+// The sizes panels draw tray icons at (16 to 32 pixels, twice that on
+// dense screens); a host scales the nearest one to the size it wants.
+constexpr int kPixmapSizes[] = {16, 22, 24, 32, 44, 48, 64};
+
+// The icon as the protocol carries it: 32-bit ARGB pixels, each in network
+// byte order, row after row.
+SniIconPixmapList pixmapsOf(const QIcon &icon) {
+    SniIconPixmapList list;
+    for (int size : kPixmapSizes) {
+        const QImage image =
+            icon.pixmap(size, size).toImage().convertToFormat(QImage::Format_ARGB32);
+        if (image.isNull() || image.width() != size) continue;
+        SniIconPixmap pixmap{image.width(), image.height(), {}};
+        pixmap.bytes.resize(qsizetype(image.width()) * image.height() * 4);
+        auto *out = reinterpret_cast<quint32 *>(pixmap.bytes.data());
+        for (int y = 0; y < image.height(); ++y) {
+            const auto *row = reinterpret_cast<const quint32 *>(image.constScanLine(y));
+            for (int x = 0; x < image.width(); ++x) *out++ = qToBigEndian(row[x]);
+        }
+        list.append(pixmap);
+    }
+    return list;
+}
+
+} // namespace
+
+SniItem::SniItem(const QIcon &icon, const QString &iconName, const QString &toolTip, QMenu *menu,
+                 QObject *parent)
+    : QObject(parent), _iconName(iconName), _toolTip(toolTip), _pixmaps(pixmapsOf(icon)) {
+    static const bool registered = [] {
+        qDBusRegisterMetaType<SniIconPixmap>();
+        qDBusRegisterMetaType<SniIconPixmapList>();
+        qDBusRegisterMetaType<SniToolTip>();
+        qRegisterMetaType<SniIconPixmapList>("SniIconPixmapList");
+        return true;
+    }();
+    (void)registered;
+    // A name of the item's own, as the protocol names items: one per
+    // process and item.
+    static int count = 0;
+    _serviceName = QStringLiteral("org.kde.StatusNotifierItem-%1-%2")
+                       .arg(QCoreApplication::applicationPid())
+                       .arg(++count);
+    _menuExporter = new DBusMenuExporter(menu, QString::fromLatin1(kMenuPath), this);
+    new SniItemAdaptor(this);
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    _exported = bus.registerObject(QString::fromLatin1(kItemPath), this) &&
+                bus.registerService(_serviceName);
+}
+
+SniItem::~SniItem() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    bus.unregisterService(_serviceName);
+    bus.unregisterObject(QString::fromLatin1(kItemPath));
+}
+
+void SniItem::registerWithWatcher() {
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(kWatcherService, kWatcherPath, kWatcherService,
+                                       QStringLiteral("RegisterStatusNotifierItem"));
+    call << _serviceName;
+    // Not waited for. A watcher that has just taken its name may not serve
+    // its object yet; then the item is registered again when a host
+    // registers with that watcher.
+    _registered = false;
+    auto *pending =
+        new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call), this);
+    connect(pending, &QDBusPendingCallWatcher::finished, this,
+            [this](QDBusPendingCallWatcher *done) {
+                _registered = !done->isError();
+                done->deleteLater();
+            });
+}
+
+void SniItem::activate(int x, int y) {
+    // Elsewhere (Wayland) a menu of the monitor's own cannot be placed by
+    // the icon. Refused, activation lets a host that falls back on failure
+    // show the menu it draws.
+    if (QGuiApplication::platformName() == QLatin1String("xcb")) {
+        emit activated(x, y);
+        return;
+    }
+    if (calledFromDBus())
+        sendErrorReply(QDBusError::NotSupported,
+                       QStringLiteral("The item is a menu and has no activation of its own"));
+}
+
+SniItemAdaptor::SniItemAdaptor(SniItem *item) : QDBusAbstractAdaptor(item), _item(item) {}
+
+SniToolTip SniItemAdaptor::toolTip() const {
+    return SniToolTip{QString(), {}, _item->toolTipText(), QString()};
+}
+
+// The menu is the host's to show (ItemIsMenu): a host that honours it sends
+// none of these for a click.
+void SniItemAdaptor::ContextMenu(int, int) {}
+void SniItemAdaptor::Activate(int x, int y) {
+    _item->activate(x, y);
+}
+void SniItemAdaptor::SecondaryActivate(int, int) {}
+void SniItemAdaptor::Scroll(int, const QString &) {}

@@ -1,0 +1,137 @@
+// The monitor's status item on D-Bus (org.kde.StatusNotifierItem), shown by
+// the panels that draw tray items from D-Bus. It says ItemIsMenu, so a host
+// shows the exported menu on any click, left or right, drawing it itself.
+#pragma once
+
+#include <QDBusAbstractAdaptor>
+#include <QDBusArgument>
+#include <QDBusContext>
+#include <QDBusObjectPath>
+#include <QIcon>
+#include <QList>
+#include <QObject>
+
+class QMenu;
+class DBusMenuExporter;
+
+// One icon picture, ARGB32 in network byte order: (iiay).
+struct SniIconPixmap {
+    int width = 0;
+    int height = 0;
+    QByteArray bytes;
+};
+using SniIconPixmapList = QList<SniIconPixmap>;
+// (sa(iiay)ss): icon name, icon pixmaps, title, description.
+struct SniToolTip {
+    QString iconName;
+    SniIconPixmapList iconPixmaps;
+    QString title;
+    QString description;
+};
+
+Q_DECLARE_METATYPE(SniIconPixmap)
+Q_DECLARE_METATYPE(SniToolTip)
+
+QDBusArgument &operator<<(QDBusArgument &arg, const SniIconPixmap &pixmap);
+const QDBusArgument &operator>>(const QDBusArgument &arg, SniIconPixmap &pixmap);
+QDBusArgument &operator<<(QDBusArgument &arg, const SniToolTip &tip);
+const QDBusArgument &operator>>(const QDBusArgument &arg, SniToolTip &tip);
+
+class SniItem : public QObject, protected QDBusContext {
+    Q_OBJECT
+  public:
+    static constexpr const char *kItemPath = "/StatusNotifierItem";
+    static constexpr const char *kMenuPath = "/MenuBar";
+
+    // Exports the item and `menu` on the session bus under a name of its
+    // own; register() then tells the watcher.
+    SniItem(const QIcon &icon, const QString &iconName, const QString &toolTip, QMenu *menu,
+            QObject *parent = nullptr);
+    ~SniItem() override;
+
+    // Whether the item and its menu are on the bus under the item's name.
+    bool isExported() const { return _exported; }
+    QString serviceName() const { return _serviceName; }
+    DBusMenuExporter *menuExporter() const { return _menuExporter; }
+    // Registers the item with the session's StatusNotifierWatcher, again
+    // each time one appears.
+    void registerWithWatcher();
+    // Whether the last registration was accepted.
+    bool isRegistered() const { return _registered; }
+
+    // A host asked for activation at the given point on the screen (a
+    // click, where the host does not honour ItemIsMenu).
+    void activate(int x, int y);
+
+  signals:
+    // Only where a menu Qt draws can be placed there (X11).
+    void activated(int x, int y);
+
+  public:
+    QString toolTipText() const { return _toolTip; }
+    QString iconName() const { return _iconName; }
+    SniIconPixmapList iconPixmaps() const { return _pixmaps; }
+
+  private:
+    QString _serviceName;
+    QString _iconName;
+    QString _toolTip;
+    SniIconPixmapList _pixmaps;
+    DBusMenuExporter *_menuExporter = nullptr;
+    bool _exported = false;
+    bool _registered = false;
+};
+
+class SniItemAdaptor : public QDBusAbstractAdaptor {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierItem")
+    Q_PROPERTY(QString Category READ category)
+    Q_PROPERTY(QString Id READ id)
+    Q_PROPERTY(QString Title READ title)
+    Q_PROPERTY(QString Status READ status)
+    Q_PROPERTY(int WindowId READ windowId)
+    Q_PROPERTY(QString IconThemePath READ iconThemePath)
+    Q_PROPERTY(QString IconName READ iconName)
+    Q_PROPERTY(SniIconPixmapList IconPixmap READ iconPixmap)
+    Q_PROPERTY(QString OverlayIconName READ emptyName)
+    Q_PROPERTY(SniIconPixmapList OverlayIconPixmap READ noPixmaps)
+    Q_PROPERTY(QString AttentionIconName READ emptyName)
+    Q_PROPERTY(SniIconPixmapList AttentionIconPixmap READ noPixmaps)
+    Q_PROPERTY(QString AttentionMovieName READ emptyName)
+    Q_PROPERTY(SniToolTip ToolTip READ toolTip)
+    Q_PROPERTY(bool ItemIsMenu READ itemIsMenu)
+    Q_PROPERTY(QDBusObjectPath Menu READ menu)
+  public:
+    explicit SniItemAdaptor(SniItem *item);
+
+    QString category() const { return QStringLiteral("ApplicationStatus"); }
+    QString id() const { return QStringLiteral("quendral-monitor"); }
+    QString title() const { return QStringLiteral("Quendral Monitor"); }
+    QString status() const { return QStringLiteral("Active"); }
+    int windowId() const { return 0; }
+    QString iconThemePath() const { return {}; }
+    QString iconName() const { return _item->iconName(); }
+    SniIconPixmapList iconPixmap() const { return _item->iconPixmaps(); }
+    QString emptyName() const { return {}; }
+    SniIconPixmapList noPixmaps() const { return {}; }
+    SniToolTip toolTip() const;
+    bool itemIsMenu() const { return true; }
+    QDBusObjectPath menu() const { return QDBusObjectPath(SniItem::kMenuPath); }
+
+  public slots:
+    void ContextMenu(int x, int y);
+    void Activate(int x, int y);
+    void SecondaryActivate(int x, int y);
+    void Scroll(int delta, const QString &orientation);
+
+  signals:
+    void NewTitle();
+    void NewIcon();
+    void NewAttentionIcon();
+    void NewOverlayIcon();
+    void NewToolTip();
+    void NewStatus(const QString &status);
+
+  private:
+    SniItem *_item;
+};
