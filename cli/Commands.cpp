@@ -4,6 +4,7 @@
 #include "InstanceJson.h"
 #include "LogTail.h"
 #include "Output.h"
+#include "WaitEvents.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,7 +16,6 @@
 #include <fcntl.h>
 #include <functional>
 #include <iostream>
-#include <thread>
 #include <unistd.h>
 
 namespace quendralctl {
@@ -36,18 +36,23 @@ Clock::time_point after(double seconds) {
 }
 
 // Refreshes the instances until each one satisfies `done` or the deadline
-// has passed.
+// has passed, sleeping between looks until something happens to them
+// (WaitEvents.h).
 void waitUntil(const Instances &list, const std::function<bool(const QuendralInstance &)> &done,
                Clock::time_point deadline) {
+    WaitEvents events;
     for (;;) {
-        bool all = true;
+        Instances pending;
         for (const auto &i : list) {
             if (done(*i)) continue;
+            // Watched before the look, so that a change right after it
+            // still wakes the sleep below.
+            events.watch(*i);
             i->refresh();
-            all = all && done(*i);
+            if (!done(*i)) pending.push_back(i);
         }
-        if (all || Clock::now() >= deadline) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (pending.empty() || Clock::now() >= deadline) return;
+        events.sleep(pending, deadline);
     }
 }
 
