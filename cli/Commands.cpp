@@ -4,6 +4,8 @@
 #include "InstanceJson.h"
 #include "LogTail.h"
 #include "Output.h"
+#include "ServerFacts.h"
+#include "StatusReport.h"
 #include "WaitEvents.h"
 
 #include <algorithm>
@@ -268,12 +270,13 @@ int readInstallation(QuendralManager &manager, Instances &all) {
 
 int list(const Instances &all, const Options &o) {
     const InstancePtr def = QuendralManager::defaultInstance(all);
+    FactsReader facts;
     if (o.json) {
         nlohmann::ordered_json out;
-        out["version"] = 1;
+        out["version"] = kJsonVersion;
         out["default"] = def ? nlohmann::ordered_json(def->directory()) : nullptr;
         out["instances"] = nlohmann::ordered_json::array();
-        for (const auto &i : all) out["instances"].push_back(instanceJson(*i));
+        for (const auto &i : all) out["instances"].push_back(instanceJson(*i, facts));
         writeOut(dumpJson(out) + "\n");
         return Ok;
     }
@@ -287,12 +290,17 @@ int list(const Instances &all, const Options &o) {
     }
     // The lines are put together here and written at once: printf per field
     // costs more than everything else per instance.
-    std::vector<std::string> shown;
+    std::vector<std::string> shown, ports;
     shown.reserve(all.size());
-    size_t width = 4;
+    ports.reserve(all.size());
+    size_t width = 4, portsWidth = 5;
     for (const auto &i : all) {
         shown.push_back(shownOn(STDOUT_FILENO, i->displayName()));
         width = std::max(width, shown.back().size());
+        // Only a running server is looked at: a listing of stopped
+        // instances reads neither the process table nor the socket tables.
+        ports.push_back(is(*i, ServerStatusRunning) ? portsText(facts.listeningOf(i->pid())) : "-");
+        portsWidth = std::max(portsWidth, ports.back().size());
     }
     auto pad = [](std::string &out, const std::string &s, size_t w, bool right) {
         if (right && s.size() < w) out.append(w - s.size(), ' ');
@@ -304,7 +312,9 @@ int list(const Instances &all, const Options &o) {
     if (isatty(STDOUT_FILENO)) {
         out += "  ";
         pad(out, "NAME", width, false);
-        out += "  STATUS        PID  DIRECTORY\n";
+        out += "  STATUS        PID  ";
+        pad(out, "PORTS", portsWidth, false);
+        out += "  DIRECTORY\n";
     }
     for (size_t k = 0; k < all.size(); k++) {
         const auto &i = all[k];
@@ -314,6 +324,8 @@ int list(const Instances &all, const Options &o) {
         pad(out, statusWord(i->serverStatus()), 8, false);
         out += "  ";
         pad(out, i->pid() > 0 ? std::to_string(i->pid()) : "-", 7, true);
+        out += "  ";
+        pad(out, ports[k], portsWidth, false);
         out += "  ";
         out += shownOn(STDOUT_FILENO, i->directory());
         out += '\n';
@@ -327,15 +339,11 @@ int status(const Instances &all, const Options &o) {
     int code = Ok;
     if (!targets(all, o, one, code)) return code;
     QuendralInstance &i = *one.front();
-    if (o.json) {
-        writeOut(dumpJson(instanceJson(i)) + "\n");
-    } else {
-        // The status word alone, then the unit where the server has one of
-        // its own, for "systemctl --user status" and "journalctl --user -u".
-        std::string text = std::string(statusWord(i.serverStatus())) + "\n";
-        if (const std::string unit = serverUnit(i); !unit.empty()) text += "Unit: " + unit + "\n";
-        writeOut(text);
-    }
+    FactsReader facts;
+    if (o.json)
+        writeOut(dumpJson(instanceJson(i, facts)) + "\n");
+    else
+        writeOut(statusReport(i, facts, static_cast<size_t>(o.statusLines)));
     return is(i, ServerStatusRunning) ? Ok : NotRunning;
 }
 
