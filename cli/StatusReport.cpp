@@ -34,12 +34,21 @@ std::string durationText(time_t seconds) {
     if (seconds < 0) seconds = 0;
     const time_t days = seconds / 86400, hours = seconds / 3600 % 24, minutes = seconds / 60 % 60,
                  secs = seconds % 60;
-    auto n = [](time_t v) { return std::to_string(static_cast<long long>(v)); };
-    if (days > 0)
-        return n(days) + (days == 1 ? " day" : " days") + (hours ? " " + n(hours) + "h" : "");
-    if (hours > 0) return n(hours) + "h" + (minutes ? " " + n(minutes) + "min" : "");
-    if (minutes > 0) return n(minutes) + "min" + (secs ? " " + n(secs) + "s" : "");
-    return n(secs) + "s";
+    // The two largest units, the second left out when it is zero.
+    auto two = [](time_t first, const char *firstUnit, time_t second, const char *secondUnit) {
+        std::string text = std::to_string(static_cast<long long>(first));
+        text += firstUnit;
+        if (second > 0) {
+            text += ' ';
+            text += std::to_string(static_cast<long long>(second));
+            text += secondUnit;
+        }
+        return text;
+    };
+    if (days > 0) return two(days, days == 1 ? " day" : " days", hours, "h");
+    if (hours > 0) return two(hours, "h", minutes, "min");
+    if (minutes > 0) return two(minutes, "min", secs, "s");
+    return two(secs, "s", 0, "");
 }
 
 std::string sinceText(const timespec &since, time_t now) {
@@ -58,9 +67,8 @@ std::string isoTime(const timespec &t) {
         std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &tm) == 0)
         return "";
     // strftime's offset is "+0200"; ISO 8601's extended form wants "+02:00".
-    std::string iso = text;
-    if (iso.size() >= 5) iso.insert(iso.size() - 2, ":");
-    return iso;
+    const std::string iso = text;
+    return iso.size() < 5 ? iso : iso.substr(0, iso.size() - 2) + ":" + iso.substr(iso.size() - 2);
 }
 
 std::string memoryText(uint64_t bytes) {
