@@ -5,6 +5,9 @@
 #include "ServerAtLogin.h"
 #include "LogTail.h"
 #include "Output.h"
+#include "ServerFacts.h"
+#include "StatusReport.h"
+#include "WaitEvents.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +19,6 @@
 #include <fcntl.h>
 #include <functional>
 #include <iostream>
-#include <thread>
 #include <unistd.h>
 
 namespace quendralctl {
@@ -37,18 +39,23 @@ Clock::time_point after(double seconds) {
 }
 
 // Refreshes the instances until each one satisfies `done` or the deadline
-// has passed.
+// has passed, sleeping between looks until something happens to them
+// (WaitEvents.h).
 void waitUntil(const Instances &list, const std::function<bool(const QuendralInstance &)> &done,
                Clock::time_point deadline) {
+    WaitEvents events;
     for (;;) {
-        bool all = true;
+        Instances pending;
         for (const auto &i : list) {
             if (done(*i)) continue;
+            // Watched before the look, so that a change right after it
+            // still wakes the sleep below.
+            events.watch(*i);
             i->refresh();
-            all = all && done(*i);
+            if (!done(*i)) pending.push_back(i);
         }
-        if (all || Clock::now() >= deadline) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (pending.empty() || Clock::now() >= deadline) return;
+        events.sleep(pending, deadline);
     }
 }
 
@@ -264,12 +271,13 @@ int readInstallation(QuendralManager &manager, Instances &all) {
 
 int list(const Instances &all, const Options &o) {
     const InstancePtr def = QuendralManager::defaultInstance(all);
+    FactsReader facts;
     if (o.json) {
         nlohmann::ordered_json out;
-        out["version"] = 1;
+        out["version"] = kJsonVersion;
         out["default"] = def ? nlohmann::ordered_json(def->directory()) : nullptr;
         out["instances"] = nlohmann::ordered_json::array();
-        for (const auto &i : all) out["instances"].push_back(instanceJson(*i));
+        for (const auto &i : all) out["instances"].push_back(instanceJson(*i, facts));
         writeOut(dumpJson(out) + "\n");
         return Ok;
     }
@@ -283,12 +291,17 @@ int list(const Instances &all, const Options &o) {
     }
     // The lines are put together here and written at once: printf per field
     // costs more than everything else per instance.
-    std::vector<std::string> shown;
+    std::vector<std::string> shown, ports;
     shown.reserve(all.size());
-    size_t width = 4;
+    ports.reserve(all.size());
+    size_t width = 4, portsWidth = 5;
     for (const auto &i : all) {
         shown.push_back(shownOn(STDOUT_FILENO, i->displayName()));
         width = std::max(width, shown.back().size());
+        // Only a running server is looked at: a listing of stopped
+        // instances reads neither the process table nor the socket tables.
+        ports.push_back(is(*i, ServerStatusRunning) ? portsText(facts.listeningOf(i->pid())) : "-");
+        portsWidth = std::max(portsWidth, ports.back().size());
     }
     auto pad = [](std::string &out, const std::string &s, size_t w, bool right) {
         if (right && s.size() < w) out.append(w - s.size(), ' ');
@@ -300,7 +313,9 @@ int list(const Instances &all, const Options &o) {
     if (isatty(STDOUT_FILENO)) {
         out += "  ";
         pad(out, "NAME", width, false);
-        out += "  STATUS        PID  DIRECTORY\n";
+        out += "  STATUS        PID  ";
+        pad(out, "PORTS", portsWidth, false);
+        out += "  DIRECTORY\n";
     }
     for (size_t k = 0; k < all.size(); k++) {
         const auto &i = all[k];
@@ -312,6 +327,8 @@ int list(const Instances &all, const Options &o) {
         pad(out, statusWord(i->serverStatus()), 8, false);
         out += "  ";
         pad(out, i->pid() > 0 ? std::to_string(i->pid()) : "-", 7, true);
+        out += "  ";
+        pad(out, ports[k], portsWidth, false);
         out += "  ";
         out += shownOn(STDOUT_FILENO, i->directory());
         out += '\n';
@@ -325,16 +342,11 @@ int status(const Instances &all, const Options &o) {
     int code = Ok;
     if (!targets(all, o, one, code)) return code;
     QuendralInstance &i = *one.front();
-    if (o.json) {
-        writeOut(dumpJson(instanceJson(i)) + "\n");
-    } else {
-        // The status word alone, then the unit where the server has one of
-        // its own, for "systemctl --user status" and "journalctl --user -u".
-        std::string text = std::string(statusWord(i.serverStatus())) + "\n";
-        if (const std::string unit = serverUnit(i); !unit.empty()) text += "Unit: " + unit + "\n";
-        if (quendral::isEnabledAtLogin(i.directory())) text += "Enabled: at login\n";
-        writeOut(text);
-    }
+    FactsReader facts;
+    if (o.json)
+        writeOut(dumpJson(instanceJson(i, facts)) + "\n");
+    else
+        writeOut(statusReport(i, facts, static_cast<size_t>(o.statusLines)));
     return is(i, ServerStatusRunning) ? Ok : NotRunning;
 }
 

@@ -27,6 +27,7 @@ struct Options {
     bool names = false;   // --names
     double wait = 0;      // --wait SECONDS, 0 to kMaxWaitSeconds; 0: do not wait
     long lines = 20;      // log -n
+    long statusLines = 5; // status -n: the log's lines under the facts
     bool follow = false;
 };
 

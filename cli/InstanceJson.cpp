@@ -2,6 +2,7 @@
 
 #include "ServerAtLogin.h"
 #include "ServerUnit.h"
+#include "StatusReport.h"
 
 namespace quendralctl {
 
@@ -27,9 +28,21 @@ std::string serverUnit(const QuendralInstance &i) {
     return live && i.pid() > 0 ? quendral::unitOfProcess(i.pid()) : std::string();
 }
 
-nlohmann::ordered_json instanceJson(QuendralInstance &i) {
+nlohmann::ordered_json instanceJson(QuendralInstance &i, FactsReader &reader) {
     const auto log = i.logFile();
     const std::string unit = serverUnit(i);
+    ServerFacts facts;
+    if (hasLiveServer(i))
+        facts = reader.factsOf(i.pid(), unit);
+    else
+        facts.listening.emplace(); // no server: it listens nowhere
+    nlohmann::ordered_json listening = nullptr;
+    if (facts.listening) {
+        listening = nlohmann::ordered_json::array();
+        for (const Endpoint &e : *facts.listening)
+            listening.push_back({{"proto", e.proto}, {"address", e.address}, {"port", e.port}});
+    }
+    const std::string since = facts.since ? isoTime(*facts.since) : "";
     return {
         {"name", i.instanceName()},
         {"displayName", i.displayName()},
@@ -41,6 +54,10 @@ nlohmann::ordered_json instanceJson(QuendralInstance &i) {
         {"logFile", log ? nlohmann::ordered_json(*log) : nullptr},
         {"canStart", i.canStart()},
         {"unit", unit.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(unit)},
+        {"since", since.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(since)},
+        {"memoryBytes", facts.memoryBytes ? nlohmann::ordered_json(*facts.memoryBytes)
+                                          : nlohmann::ordered_json(nullptr)},
+        {"listening", listening},
         {"enabledAtLogin", quendral::isEnabledAtLogin(i.directory())},
     };
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "QuendralInstance.h"
+#include "ServerFacts.h"
 
 #include <nlohmann/json.hpp>
 
@@ -16,8 +17,13 @@ std::string serverUnit(const QuendralInstance &instance);
 
 // "isDefault" is the instance's own flag (its directory is named "database");
 // the listing's "default" names the instance that acts when none is named.
-// "unit" is serverUnit, or null.
-nlohmann::ordered_json instanceJson(QuendralInstance &instance);
+// "unit" is serverUnit, or null. Version 2 added the server's facts, read
+// through `facts` for a live server: "since" (ISO 8601 with offset, null
+// when there is no server or it cannot be read), "memoryBytes" (null when
+// unknown), "listening" ([{"proto", "address", "port"}], empty for no
+// server, null when it cannot be read).
+constexpr int kJsonVersion = 2;
+nlohmann::ordered_json instanceJson(QuendralInstance &instance, FactsReader &facts);
 
 // Serialised for output. Bytes in names or paths that are not UTF-8 (a
 // directory name is any bytes) are written as U+FFFD rather than failing;

@@ -81,6 +81,7 @@ int run(int argc, char **argv) {
                "  quendralctl list                      instances, their status and pid\n"
                "  quendralctl list --json               the same for scripts\n"
                "  quendralctl status sales && echo up   exit 0 running, 3 not\n"
+               "  quendralctl status sales -n 20        its server, ports and 20 log lines\n"
                "  quendralctl start --wait 10           start the default instance and wait\n"
                "  quendralctl restart --all --wait 20   restart every instance\n"
                "  quendralctl log sales -n 50 -f        the log's end, then what is appended\n"
@@ -101,9 +102,13 @@ int run(int argc, char **argv) {
     auto *json = listCmd->add_flag("--json", o.json, "Print JSON");
     listCmd->add_flag("--names", o.names, "Print the display names alone")->excludes(json);
 
-    auto *statusCmd = app.add_subcommand("status", "Exit 0 when the instance runs, 3 when not");
+    auto *statusCmd = app.add_subcommand(
+        "status", "Show the instance's server (pid, since, memory, ports, log); exit 0 when it "
+                  "runs, 3 when not");
     statusCmd->add_option("instance", o.instance, instanceHelp);
     statusCmd->add_flag("--json", o.json, "Print the instance as JSON");
+    statusCmd->add_option("-n", o.statusLines, "How many lines of the log (default 5, 0: none)")
+        ->check(CLI::NonNegativeNumber);
 
     auto *startCmd = app.add_subcommand("start", "Start an instance's server");
     auto *stopCmd = app.add_subcommand("stop", "Stop an instance's server");

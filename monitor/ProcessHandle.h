@@ -80,6 +80,11 @@ class ProcessHandle {
     // The effective user the held process runs as (see processUser), read
     // when first asked.
     std::optional<uid_t> user() const;
+    // A descriptor that turns readable (POLLIN) when the held process ends,
+    // for poll(2) beside others: -1 where there is none (no pidfd) or we may
+    // not signal the process, whose end then has to be found by probing.
+    // Owned by the handle; valid while the handle holds this process.
+    int waitDescriptor() const { return ours_ ? fd_ : -1; }
 
   private:
     void close();

@@ -98,6 +98,11 @@ class QuendralInstance {
     int32_t pid() const { return _pid.pid(); }
     // The lock file's path once the configuration was read, else nullopt.
     const std::optional<std::string> &lockFile() const { return _lckFile; }
+    // A descriptor that turns readable when the server as last known (while
+    // starting, the launched process) ends, -1 where there is none (see
+    // ProcessHandle::waitDescriptor). Valid until the next refresh, startup
+    // or shutdown, which may let that process go.
+    int serverWaitDescriptor() const { return _pid.waitDescriptor(); }
 
     // `value` (or `defaultValue` when there is none) as an absolute path: an
     // absolute one as it stands, a relative one appended to the directory and

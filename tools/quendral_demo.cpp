@@ -21,6 +21,9 @@
 //                                    supervisor does
 //   QUENDRAL_DEMO_FORK=2             the same, but the first process exits at once,
 //                                    as a daemon's parent does
+//   QUENDRAL_DEMO_LOCK_PARENT=1      with QUENDRAL_DEMO_FORK=1, the child writes the
+//                                    first process's pid: the server named by the
+//                                    lock file serves from a descendant
 #include "ncfg.h"
 
 #include <arpa/inet.h>
@@ -163,6 +166,7 @@ int main(int argc, char **argv) {
 
     readConfig();
 
+    long lockPid = envNumber("QUENDRAL_DEMO_LOCK_PID", getpid());
     if (const long mode = envNumber("QUENDRAL_DEMO_FORK", 0); mode == 1 || mode == 2) {
         const pid_t child = fork();
         if (child < 0) return 1;
@@ -173,6 +177,8 @@ int main(int argc, char **argv) {
             }
             return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
         }
+        if (!envNumber("QUENDRAL_DEMO_LOCK_PARENT", 0))
+            lockPid = envNumber("QUENDRAL_DEMO_LOCK_PID", getpid());
     }
 
     struct sigaction sa {};
@@ -188,7 +194,7 @@ int main(int argc, char **argv) {
         logLine("Terminated before startup finished");
         return 0;
     }
-    if (!writeLockFile(envNumber("QUENDRAL_DEMO_LOCK_PID", getpid()))) {
+    if (!writeLockFile(lockPid)) {
         logLine("Cannot write lock file " + lockFile + ": " + std::strerror(errno));
         return 1;
     }

@@ -54,7 +54,7 @@ _quendralctl() {
     local opts=""
     case $verb in
     list) opts="--json --names" ;;
-    status) opts="--json" ;;
+    status) opts="--json -n" ;;
     start | stop | restart) opts="--all --wait" ;;
     log) opts="-n -f" ;;
     enable | disable) opts="--all" ;;

@@ -35,7 +35,7 @@ complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -l home -x -
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -l help -d 'Show the help'
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -l version -d 'Show the version'
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a list -d 'List the instances with their status'
-complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a status -d 'Say whether an instance runs'
+complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a status -d "Show an instance's server, ports and log"
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a start -d "Start an instance's server"
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a stop -d "Stop an instance's server"
 complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a restart -d "Stop and start an instance's server"
@@ -47,6 +47,7 @@ complete -c quendralctl -n "not __fish_seen_subcommand_from $verbs" -a completio
 complete -c quendralctl -n "__fish_seen_subcommand_from list" -l json -d 'Print JSON'
 complete -c quendralctl -n "__fish_seen_subcommand_from list" -l names -d 'Print the names alone'
 complete -c quendralctl -n "__fish_seen_subcommand_from status" -l json -d 'Print JSON'
+complete -c quendralctl -n "__fish_seen_subcommand_from status" -s n -x -d 'Number of log lines'
 complete -c quendralctl -n "__fish_seen_subcommand_from start stop restart enable disable" -l all -d 'Every instance'
 complete -c quendralctl -n "__fish_seen_subcommand_from start stop restart" -l wait -x -d 'Seconds to wait'
 complete -c quendralctl -n "__fish_seen_subcommand_from log" -s n -x -d 'Number of lines'

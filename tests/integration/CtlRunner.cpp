@@ -19,6 +19,11 @@ CtlResult runCtl(const std::string &args, const std::string &env, const std::str
     return runShell(env + " " + shellQuote(binary) + " " + args);
 }
 
+std::string firstLine(const std::string &text) {
+    const size_t end = text.find('\n');
+    return end == std::string::npos ? text : text.substr(0, end + 1);
+}
+
 std::string withoutUnitNotices(const std::string &text) {
     std::string kept;
     size_t begin = 0;

@@ -78,9 +78,9 @@ TEST_F(QuendralctlAtLogin, EnableWritesAnAutostartEntryThatStartsTheServer) {
                                    "/sales\" \"--wait\" \"120\"\n"),
               std::string::npos)
         << readFile(entry);
-    EXPECT_EQ(ctl("list").out, "* database  stopped         -  " + home + "/database\n" +
-                                   " +sales     stopped         -  " + home + "/sales\n");
-    EXPECT_NE(ctl("status sales").out.find("\nEnabled: at login\n"), std::string::npos);
+    EXPECT_EQ(ctl("list").out, "* database  stopped         -  -      " + home + "/database\n" +
+                                   " +sales     stopped         -  -      " + home + "/sales\n");
+    EXPECT_NE(ctl("status sales").out.find("\n      Enabled: at login\n"), std::string::npos);
     EXPECT_NE(ctl("status sales --json").out.find("\"enabledAtLogin\": true"), std::string::npos);
     EXPECT_NE(ctl("status database --json").out.find("\"enabledAtLogin\": false"),
               std::string::npos);

@@ -49,7 +49,7 @@ class StartInProgress : public CtlInstallation {
 TEST_F(StartInProgress, StartThenStatusSaysStarting) {
     ASSERT_EQ(ctl("start", "QUENDRAL_DEMO_START_DELAY_MS=3000").status, 0);
     const CtlResult status = ctl("status");
-    EXPECT_EQ(status.out, "starting\n");
+    EXPECT_EQ(firstLine(status.out), "starting\n");
     EXPECT_EQ(status.status, 3);
     const CtlResult list = ctl("list");
     EXPECT_NE(list.out.find("starting"), std::string::npos) << list.out;
@@ -94,9 +94,9 @@ TEST_F(StartInProgress, FrontEndKilledDuringItsWaitLeavesTheStartVisible) {
     ChildProcess waiting({"env", "QUENDRAL_HOME=" + home.path(), "QUENDRAL_DEMO_HTTP_PORT=0",
                           "QUENDRAL_DEMO_START_DELAY_MS=2500", QUENDRALCTL_PATH, "start", "--wait",
                           "30"});
-    ASSERT_TRUE(waitFor([&] { return ctl("status").out == "starting\n"; }));
+    ASSERT_TRUE(waitFor([&] { return firstLine(ctl("status").out) == "starting\n"; }));
     waiting.killAndReap();
-    EXPECT_EQ(ctl("status").out, "starting\n");
+    EXPECT_EQ(firstLine(ctl("status").out), "starting\n");
     EXPECT_EQ(ctl("start").status, 1);
     EXPECT_TRUE(runningWithin(10));
     EXPECT_EQ(processesIn(dir).size(), 1u);
@@ -122,7 +122,7 @@ TEST_F(StartInProgress, ALaunchedProcessThatExitsAtOnceIsStoppedForEveryone) {
         return launched > 0 && (state == 0 || state == 'Z');
     }));
     const CtlResult status = ctl("status");
-    EXPECT_EQ(status.out, "stopped\n");
+    EXPECT_EQ(firstLine(status.out), "stopped\n");
     EXPECT_EQ(status.status, 3);
     EXPECT_EQ(ctl("start --wait 10").status, 0);
     EXPECT_EQ(processesIn(dir).size(), 1u);
@@ -140,7 +140,7 @@ TEST_F(StartInProgress, AStartingServerKilledIsStopped) {
         return state == 0 || state == 'Z';
     }));
     const CtlResult status = ctl("status");
-    EXPECT_EQ(status.out, "stopped\n");
+    EXPECT_EQ(firstLine(status.out), "stopped\n");
     EXPECT_EQ(status.status, 3);
 }
 

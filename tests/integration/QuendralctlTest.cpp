@@ -35,8 +35,8 @@ class Quendralctl : public ::testing::Test {
 TEST_F(Quendralctl, ListShowsEveryInstanceSortedWithStatusAndPid) {
     const Result r = ctl("list", env);
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "* database  stopped         -  " + home.path() + "/database\n" +
-                         "  sales     stopped         -  " + home.path() + "/sales\n");
+    EXPECT_EQ(r.out, "* database  stopped         -  -      " + home.path() + "/database\n" +
+                         "  sales     stopped         -  -      " + home.path() + "/sales\n");
 }
 
 TEST_F(Quendralctl, JsonListParsesAndNamesTheDefault) {
@@ -58,7 +58,7 @@ TEST_F(Quendralctl, StartAndStopWithWaitDriveTheRealServer) {
     EXPECT_TRUE(std::filesystem::exists(home / "database/quendral.lck"));
     const Result status = ctl("status database", env);
     EXPECT_EQ(status.status, 0);
-    EXPECT_EQ(status.out, "running\n");
+    EXPECT_EQ(firstLine(status.out), "running\n");
     EXPECT_EQ(ctl("start", env).status, 1) << "a running instance cannot be started again";
     EXPECT_EQ(ctl("stop --wait 10", env).status, 0);
     EXPECT_FALSE(std::filesystem::exists(home / "database/quendral.lck"));

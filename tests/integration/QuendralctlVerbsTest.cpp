@@ -55,8 +55,8 @@ TEST_F(QuendralctlVerbs, ListMarksTheDefaultAndHasNoHeaderInAPipe) {
     makeInstanceDir(home, "sales");
     const CtlResult r = ctl("list");
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "* database  stopped         -  " + home.path() + "/database\n" +
-                         "  sales     stopped         -  " + home.path() + "/sales\n");
+    EXPECT_EQ(r.out, "* database  stopped         -  -      " + home.path() + "/database\n" +
+                         "  sales     stopped         -  -      " + home.path() + "/sales\n");
 }
 
 TEST_F(QuendralctlVerbs, ListShowsAHeaderOnATerminal) {
@@ -82,11 +82,12 @@ TEST_F(QuendralctlVerbs, JsonListHasItsVersionAndEveryField) {
     const CtlResult r = ctl("list --json");
     ASSERT_EQ(r.status, 0);
     const auto j = nlohmann::json::parse(r.out);
-    EXPECT_EQ(j["version"], 1);
+    EXPECT_EQ(j["version"], 2);
     EXPECT_EQ(j["default"], home.path() + "/database");
     const auto &i = j["instances"][0];
-    for (const char *key : {"name", "displayName", "directory", "isDefault", "serverStatus", "pid",
-                            "lockFile", "logFile", "canStart"})
+    for (const char *key :
+         {"name", "displayName", "directory", "isDefault", "serverStatus", "pid", "lockFile",
+          "logFile", "canStart", "unit", "since", "memoryBytes", "listening"})
         EXPECT_TRUE(i.contains(key)) << key;
     EXPECT_EQ(i["lockFile"], home.path() + "/database/quendral.lck");
     EXPECT_EQ(i["canStart"], true);

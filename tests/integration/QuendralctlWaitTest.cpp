@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -118,6 +120,63 @@ TEST_F(QuendralctlWait, RestartWithWaitZeroStillStartsANewServer) {
     EXPECT_TRUE(waitFor([&] { return ctl("status").status == 0; }));
     EXPECT_NE(lockPid(), before);
     EXPECT_NE(lockPid(), 0);
+}
+
+// The events end a wait: with the fallback poll set to 10 s, only they can
+// end it within 2 s of what it waits for.
+const std::string kSlowFallback = "QUENDRALCTL_TEST_FALLBACK_POLL_MS=10000 ";
+
+double cpuSecondsOfChildren() {
+    rusage ru{};
+    getrusage(RUSAGE_CHILDREN, &ru);
+    return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+           static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+TEST_F(QuendralctlWait, StartWaitEndsWhenTheLockFileIsWritten) {
+    const double cpuBefore = cpuSecondsOfChildren();
+    const CtlResult r =
+        runCtl("start --wait 60", kSlowFallback + "QUENDRAL_DEMO_START_DELAY_MS=1500 " + env);
+    const auto returned = std::chrono::system_clock::now();
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "database running\n");
+    struct stat st;
+    ASSERT_EQ(stat((dir + "/quendral.lck").c_str(), &st), 0);
+    const auto written = std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(
+            std::chrono::seconds(st.st_mtim.tv_sec) +
+            std::chrono::nanoseconds(st.st_mtim.tv_nsec)));
+    EXPECT_LT(returned - written, std::chrono::seconds(2));
+    // It slept while the server took its time: no busy loop (the server is
+    // not our child, its time is not counted here).
+    EXPECT_LT(cpuSecondsOfChildren() - cpuBefore, 0.5);
+}
+
+TEST_F(QuendralctlWait, StopWaitEndsWhenTheServerEnds) {
+    // A server that takes a second to end after SIGTERM and leaves its lock
+    // file behind: only its end can end the wait.
+    writeFile(dir + "/quendral", "#!/bin/sh\ntrap 'sleep 1; exit 0' TERM\necho $$ > quendral.lck\n"
+                                 "while :; do sleep 0.05; done\n");
+    chmod((dir + "/quendral").c_str(), 0755);
+    ASSERT_EQ(ctl("start --wait 10").status, 0);
+    const auto before = std::chrono::steady_clock::now();
+    const CtlResult r = runCtl("stop --wait 60", kSlowFallback + env);
+    const auto took = std::chrono::steady_clock::now() - before;
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "database stopped\n");
+    // One second of its own, then at most two of ours.
+    EXPECT_LT(took, std::chrono::seconds(3));
+}
+
+TEST_F(QuendralctlWait, TheFallbackPollAloneEndsTheWaitWithoutEvents) {
+    const std::string polled =
+        "QUENDRALCTL_TEST_NO_EVENTS=1 QUENDRALCTL_TEST_FALLBACK_POLL_MS=200 ";
+    CtlResult r = runCtl("start --wait 60", polled + "QUENDRAL_DEMO_START_DELAY_MS=500 " + env);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "database running\n");
+    r = runCtl("stop --wait 60", polled + env);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "database stopped\n");
 }
 
 } // namespace

@@ -56,7 +56,7 @@ unit=$(unit_for database)
 [ "$(um_run systemctl --user is-enabled "$unit")" = enabled ] || fail "$unit is not enabled"
 ctl list | grep -q "^\*+database " || fail "list does not mark it: $(ctl list)"
 # (status exits 3: not running)
-grep -qx "Enabled: at login" <<<"$(ctl status database)" || fail "status has no Enabled line"
+grep -qx "      Enabled: at login" <<<"$(ctl status database)" || fail "status has no Enabled line"
 grep -q '"enabledAtLogin": true' <<<"$(ctl status database --json)" || fail "JSON enabledAtLogin"
 
 echo "== a new login starts it, in its own scope"

@@ -1,0 +1,268 @@
+// What "quendralctl start --wait" and "stop --wait" add to the server's own
+// time, and what "quendralctl status" costs with every detail.
+//
+// The server's own times are measured with the demo server and the same
+// events the tool waits on: launched directly, until inotify reports its
+// lock file; sent SIGTERM directly, until it has exited. The tool is then
+// measured doing the same as a whole process, once woken by the events and
+// once polling every 50 ms as it did before (QUENDRALCTL_TEST_NO_EVENTS=1,
+// QUENDRALCTL_TEST_FALLBACK_POLL_MS=50), all in one run. Medians of every
+// iteration.
+#include "BenchReport.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <netinet/in.h>
+#include <poll.h>
+#include <spawn.h>
+#include <string>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+extern char **environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string home, instance;
+std::map<std::string, std::vector<double>> samples;
+
+double since(Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+void record(benchmark::State &state, const char *name, double seconds) {
+    samples[name].push_back(seconds);
+    state.SetIterationTime(seconds);
+}
+
+double median(const char *name) {
+    std::vector<double> v = samples[name];
+    if (v.empty()) return -1;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+// Runs quendralctl with `args` and the extra environment, its output to
+// /dev/null; returns its exit status.
+int ctl(const std::vector<const char *> &args, const std::vector<std::string> &extra = {}) {
+    std::vector<std::string> env;
+    for (char **e = environ; *e; e++) env.emplace_back(*e);
+    env.insert(env.end(), extra.begin(), extra.end());
+    std::vector<char *> envp;
+    for (auto &e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::vector<char *> argv{const_cast<char *>("quendralctl")};
+    for (const char *a : args) argv.push_back(const_cast<char *>(a));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    if (posix_spawn(&pid, QUENDRALCTL_PATH, &actions, nullptr, argv.data(), envp.data()) != 0)
+        std::abort();
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+const std::vector<std::string> kPolling = {"QUENDRALCTL_TEST_NO_EVENTS=1",
+                                           "QUENDRALCTL_TEST_FALLBACK_POLL_MS=50"};
+
+// The demo server launched in the instance directory as the tool launches
+// it; returns once inotify has reported its lock file, with its pid.
+pid_t launchDirectly(double &seconds) {
+    const int in = inotify_init1(IN_CLOEXEC);
+    inotify_add_watch(in, instance.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO);
+    const auto t = Clock::now();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(instance.c_str()) != 0) _exit(1);
+        setsid();
+        const int null = open("/dev/null", O_RDWR);
+        dup2(null, 0);
+        dup2(null, 1);
+        dup2(null, 2);
+        execl((home + "/bin/quendral").c_str(), "quendral", "-f", static_cast<char *>(nullptr));
+        _exit(1);
+    }
+    alignas(inotify_event) char buf[4096];
+    for (bool seen = false; !seen;) {
+        const ssize_t n = read(in, buf, sizeof buf);
+        for (ssize_t at = 0; at < n;) {
+            const auto *e = reinterpret_cast<const inotify_event *>(buf + at);
+            if (e->len && std::strcmp(e->name, "quendral.lck") == 0) seen = true;
+            at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+        }
+    }
+    seconds = since(t);
+    close(in);
+    return pid;
+}
+
+double stopDirectly(pid_t pid) {
+    const auto t = Clock::now();
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    return since(t);
+}
+
+void BM_ServerWritesItsLockFile(benchmark::State &state) {
+    for (auto _ : state) {
+        double s = 0;
+        const pid_t pid = launchDirectly(s);
+        record(state, "server start", s);
+        stopDirectly(pid);
+    }
+}
+
+void BM_ServerExits(benchmark::State &state) {
+    for (auto _ : state) {
+        double s = 0;
+        const pid_t pid = launchDirectly(s);
+        record(state, "server stop", stopDirectly(pid));
+    }
+}
+
+void startWait(benchmark::State &state, const char *name, const std::vector<std::string> &env) {
+    for (auto _ : state) {
+        const auto t = Clock::now();
+        if (ctl({"start", "--wait", "10"}, env) != 0) state.SkipWithError("start failed");
+        record(state, name, since(t));
+        if (ctl({"stop", "--wait", "10"}) != 0) state.SkipWithError("stop failed");
+    }
+}
+
+void stopWait(benchmark::State &state, const char *name, const std::vector<std::string> &env) {
+    for (auto _ : state) {
+        if (ctl({"start", "--wait", "10"}) != 0) state.SkipWithError("start failed");
+        const auto t = Clock::now();
+        if (ctl({"stop", "--wait", "10"}, env) != 0) state.SkipWithError("stop failed");
+        record(state, name, since(t));
+    }
+}
+
+void BM_StartWaitEvents(benchmark::State &state) {
+    startWait(state, "start events", {});
+}
+void BM_StartWaitPolling(benchmark::State &state) {
+    startWait(state, "start polling", kPolling);
+}
+void BM_StopWaitEvents(benchmark::State &state) {
+    stopWait(state, "stop events", {});
+}
+void BM_StopWaitPolling(benchmark::State &state) {
+    stopWait(state, "stop polling", kPolling);
+}
+
+int freePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+// "quendralctl status" of one running server that listens on a port, every
+// detail read, as a whole process.
+void BM_StatusOfARunningServer(benchmark::State &state) {
+    const std::string port = "QUENDRAL_DEMO_HTTP_PORT=" + std::to_string(freePort());
+    if (ctl({"start", "--wait", "10"}, {port}) != 0) state.SkipWithError("start failed");
+    for (auto _ : state) {
+        const auto t = Clock::now();
+        if (ctl({"status"}) != 0) state.SkipWithError("status failed");
+        record(state, "status", since(t));
+    }
+    ctl({"stop", "--wait", "10"});
+}
+
+void BM_EmptyProcess(benchmark::State &state) {
+    char *argv[] = {const_cast<char *>("true"), nullptr};
+    for (auto _ : state) {
+        const auto t = Clock::now();
+        pid_t pid;
+        posix_spawn(&pid, "/bin/true", nullptr, nullptr, argv, environ);
+        waitpid(pid, nullptr, 0);
+        record(state, "empty process", since(t));
+    }
+}
+
+constexpr int kIterations = 60;
+BENCHMARK(BM_ServerWritesItsLockFile)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StartWaitEvents)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StartWaitPolling)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_ServerExits)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StopWaitEvents)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StopWaitPolling)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StatusOfARunningServer)->UseManualTime()->Iterations(200);
+BENCHMARK(BM_EmptyProcess)->UseManualTime()->Iterations(200);
+
+} // namespace
+
+int main(int argc, char **argv) {
+    char tmpl[] = "/tmp/waitbench.XXXXXX";
+    if (!mkdtemp(tmpl)) return 2;
+    home = tmpl;
+    instance = home + "/database";
+    std::filesystem::create_directories(home + "/bin");
+    std::filesystem::create_directories(instance);
+    std::filesystem::copy_file(QUENDRAL_DEMO_PATH, home + "/bin/quendral");
+    FILE *f = std::fopen((instance + "/quendral.ini").c_str(), "w");
+    std::fputs("[database]\n", f);
+    std::fclose(f);
+    setenv("QUENDRAL_HOME", home.c_str(), 1);
+    setenv("QUENDRAL_DEMO_HTTP_PORT", "0", 1);
+    // No service manager to move servers into: the move is not measured here.
+    setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", 1);
+    unsetenv("QUENDRAL_BINARY");
+
+    bench::CollectingReporter reporter;
+    const bool ran = bench::runBenchmarks(argc, argv, reporter);
+    std::filesystem::remove_all(home);
+    if (!ran) return 2;
+
+    const double serverStart = median("server start"), serverStop = median("server stop");
+    const double startEvents = median("start events") - serverStart;
+    const double startPolling = median("start polling") - serverStart;
+    const double stopEvents = median("stop events") - serverStop;
+    const double stopPolling = median("stop polling") - serverStop;
+    const double empty = median("empty process"), status = median("status");
+    std::printf("\nWaiting, medians of %d runs each, in this run:\n", kIterations);
+    std::printf("  server's own start (lock file written): %.2f ms, own stop (exited): %.2f ms\n",
+                serverStart * 1e3, serverStop * 1e3);
+    std::printf("  start --wait adds %.2f ms (events), %.2f ms (polling every 50 ms)\n",
+                startEvents * 1e3, startPolling * 1e3);
+    std::printf("  stop --wait adds  %.2f ms (events), %.2f ms (polling every 50 ms)\n",
+                stopEvents * 1e3, stopPolling * 1e3);
+    std::printf("  of which starting a process at all: %.2f ms (an empty one)\n", empty * 1e3);
+    std::printf("  status of a running server, every detail: %.2f ms\n", status * 1e3);
+    bench::printRatio("start --wait added: events vs polling", startEvents / startPolling, 0,
+                      false);
+    bench::printRatio("stop --wait added: events vs polling", stopEvents / stopPolling, 0, false);
+    bool ok = true;
+    // The budgets are absolute: 2 ms added at the median, 5 ms for status.
+    ok &= bench::printRatio("start --wait added / 2 ms", startEvents / 2e-3, 1.0, false);
+    ok &= bench::printRatio("stop --wait added / 2 ms", stopEvents / 2e-3, 1.0, false);
+    ok &= bench::printRatio("status (every detail) / 5 ms", status / 5e-3, 1.0, false);
+    return ok ? 0 : 1;
+}

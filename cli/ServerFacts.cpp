@@ -1,0 +1,281 @@
+#include "ServerFacts.h"
+
+#include "ProcessHandle.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <set>
+#include <string_view>
+#include <tuple>
+#include <unistd.h>
+
+namespace quendralctl {
+
+bool operator<(const Endpoint &a, const Endpoint &b) {
+    return std::tie(a.port, a.proto, a.address) < std::tie(b.port, b.proto, b.address);
+}
+bool operator==(const Endpoint &a, const Endpoint &b) {
+    return std::tie(a.port, a.proto, a.address) == std::tie(b.port, b.proto, b.address);
+}
+
+namespace {
+
+// A file of /proc (or /sys) read whole; nullopt when it cannot be opened or
+// read. These files have no size to go by, and the small ones are read in
+// one call.
+std::optional<std::string> readProcFile(const char *path) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return std::nullopt;
+    std::string text;
+    char buf[8192];
+    for (;;) {
+        const ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            close(fd);
+            return std::nullopt;
+        }
+        if (n == 0) break;
+        text.append(buf, static_cast<size_t>(n));
+    }
+    close(fd);
+    return text;
+}
+
+bool allDigits(const char *s) {
+    if (!*s) return false;
+    for (; *s; s++)
+        if (*s < '0' || *s > '9') return false;
+    return true;
+}
+
+// Field 4 of /proc/PID/stat, counted from the last ')' as the command name
+// may hold anything: the parent's pid, or 0.
+pid_t parentOf(const char *pidText) {
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%s/stat", pidText);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    char buf[512];
+    ssize_t n;
+    do n = read(fd, buf, sizeof buf - 1);
+    while (n < 0 && errno == EINTR);
+    close(fd);
+    if (n <= 0) return 0;
+    buf[n] = '\0';
+    const char *p = std::strrchr(buf, ')');
+    int ppid = 0;
+    if (!p || std::sscanf(p + 1, " %*c %d", &ppid) != 1) return 0;
+    return ppid;
+}
+
+// One address of /proc/net/tcp or tcp6: hex words as the kernel stores them
+// (in this machine's byte order), then ":" and the port in hex.
+bool parseAddress(std::string_view text, bool v6, std::string &address, unsigned &port) {
+    const size_t colon = text.find(':');
+    const size_t words = v6 ? 4 : 1;
+    if (colon != words * 8) return false;
+    uint32_t raw[4] = {};
+    for (size_t w = 0; w < words; w++) {
+        char hex[9] = {};
+        std::memcpy(hex, text.data() + w * 8, 8);
+        char *end = nullptr;
+        raw[w] = static_cast<uint32_t>(std::strtoul(hex, &end, 16));
+        if (*end) return false;
+    }
+    char out[INET6_ADDRSTRLEN];
+    if (!inet_ntop(v6 ? AF_INET6 : AF_INET, raw, out, sizeof out)) return false;
+    address = out;
+    char *end = nullptr;
+    const std::string portText(text.substr(colon + 1));
+    port = static_cast<unsigned>(std::strtoul(portText.c_str(), &end, 16));
+    return end != portText.c_str() && *end == '\0';
+}
+
+// Listening TCP sockets (state 0A) and bound UDP sockets (state 07, not
+// connected) of one table, by inode.
+void readTable(const char *path, const char *proto, bool v6, bool tcp,
+               std::unordered_map<uint64_t, Endpoint> &into) {
+    const std::optional<std::string> text = readProcFile(path);
+    if (!text) return;
+    std::string_view rest(*text);
+    rest.remove_prefix(std::min(rest.size(), rest.find('\n') + 1)); // the header
+    while (!rest.empty()) {
+        const size_t eol = rest.find('\n');
+        std::string_view line = rest.substr(0, eol);
+        rest.remove_prefix(eol == std::string_view::npos ? rest.size() : eol + 1);
+        // sl local rem st tx:rx tr:when retrnsmt uid timeout inode ...
+        std::string_view field[10];
+        size_t count = 0;
+        while (count < 10) {
+            const size_t start = line.find_first_not_of(' ');
+            if (start == std::string_view::npos) break;
+            line.remove_prefix(start);
+            const size_t end = line.find(' ');
+            field[count++] = line.substr(0, end);
+            line.remove_prefix(end == std::string_view::npos ? line.size() : end);
+        }
+        if (count < 10) continue;
+        if (field[3] != (tcp ? "0A" : "07")) continue;
+        Endpoint e;
+        e.proto = proto;
+        if (!parseAddress(field[1], v6, e.address, e.port) || e.port == 0) continue;
+        const std::string inodeText(field[9]);
+        char *end = nullptr;
+        const uint64_t inode = std::strtoull(inodeText.c_str(), &end, 10);
+        if (*end || inode == 0) continue;
+        into.emplace(inode, std::move(e));
+    }
+}
+
+} // namespace
+
+void FactsReader::readSocketTables() {
+    if (socketsRead_) return;
+    socketsRead_ = true;
+    readTable("/proc/net/tcp", "tcp", false, true, listening_);
+    readTable("/proc/net/tcp6", "tcp", true, true, listening_);
+    readTable("/proc/net/udp", "udp", false, false, listening_);
+    readTable("/proc/net/udp6", "udp", true, false, listening_);
+}
+
+std::vector<pid_t> FactsReader::treeOf(pid_t pid) {
+    // Every process's parent, read once: /proc/PID/task/TID/children would
+    // be shorter, but exists only on kernels built with it, and lists a
+    // child under the thread that forked it.
+    if (!processesRead_) {
+        processesRead_ = true;
+        if (DIR *d = opendir("/proc")) {
+            while (const dirent *e = readdir(d)) {
+                if (!allDigits(e->d_name)) continue;
+                if (const pid_t parent = parentOf(e->d_name); parent > 0)
+                    children_[parent].push_back(static_cast<pid_t>(std::atoi(e->d_name)));
+            }
+            closedir(d);
+        }
+    }
+    std::vector<pid_t> tree{pid};
+    for (size_t k = 0; k < tree.size() && tree.size() < 100000; k++) {
+        const auto found = children_.find(tree[k]);
+        if (found != children_.end())
+            tree.insert(tree.end(), found->second.begin(), found->second.end());
+    }
+    return tree;
+}
+
+std::optional<std::vector<Endpoint>> FactsReader::listeningOf(pid_t pid) {
+    return listeningOf(treeOf(pid));
+}
+
+std::optional<std::vector<Endpoint>> FactsReader::listeningOf(const std::vector<pid_t> &tree) {
+    std::set<uint64_t> inodes;
+    for (const pid_t p : tree) {
+        char path[48];
+        std::snprintf(path, sizeof path, "/proc/%d/fd", static_cast<int>(p));
+        DIR *d = opendir(path);
+        if (!d) {
+            // Gone since the table was read: it listens nowhere any more.
+            // Anything else (another user's process) cannot be told.
+            if (errno == ENOENT || errno == ESRCH) continue;
+            return std::nullopt;
+        }
+        while (const dirent *e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            char link[64];
+            const ssize_t n = readlinkat(dirfd(d), e->d_name, link, sizeof link - 1);
+            if (n <= 0) continue;
+            link[n] = '\0';
+            unsigned long long inode = 0;
+            if (std::sscanf(link, "socket:[%llu]", &inode) == 1) inodes.insert(inode);
+        }
+        closedir(d);
+    }
+    std::vector<Endpoint> found;
+    // A server without sockets costs no look at the tables.
+    if (!inodes.empty()) {
+        readSocketTables();
+        for (const uint64_t inode : inodes)
+            if (const auto e = listening_.find(inode); e != listening_.end())
+                found.push_back(e->second);
+    }
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
+}
+
+std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t> &tree,
+                                              const std::string &unit) {
+    char path[4200];
+    // The unit's own counter, where the unit holds the server alone: it
+    // counts what resident sizes do not (the page cache the server caused,
+    // kernel memory), and shared pages once. A unit holding other processes
+    // too (the terminal's scope a server was started from) would count
+    // theirs, so then the resident sizes are summed instead.
+    if (!unit.empty()) {
+        std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
+        const std::optional<std::string> cgroups = readProcFile(path);
+        const size_t at = cgroups ? cgroups->find("0::/") : std::string::npos;
+        if (at != std::string::npos && (at == 0 || (*cgroups)[at - 1] == '\n')) {
+            std::string group = cgroups->substr(at + 3);
+            group = group.substr(0, group.find('\n'));
+            if (group.size() > unit.size() && group.ends_with("/" + unit)) {
+                for (const char *root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
+                    std::snprintf(path, sizeof path, "%s%s/cgroup.procs", root, group.c_str());
+                    const std::optional<std::string> procs = readProcFile(path);
+                    if (!procs) continue;
+                    bool alone = true;
+                    for (const char *p = procs->c_str(); *p && alone;) {
+                        char *end = nullptr;
+                        const long member = std::strtol(p, &end, 10);
+                        if (end == p) break;
+                        alone = std::find(tree.begin(), tree.end(), member) != tree.end();
+                        p = end;
+                    }
+                    std::snprintf(path, sizeof path, "%s%s/memory.current", root, group.c_str());
+                    const std::optional<std::string> current =
+                        alone ? readProcFile(path) : std::nullopt;
+                    if (current && !current->empty())
+                        return std::strtoull(current->c_str(), nullptr, 10);
+                    break;
+                }
+            }
+        }
+    }
+    const long page = sysconf(_SC_PAGESIZE);
+    uint64_t sum = 0;
+    for (const pid_t p : tree) {
+        std::snprintf(path, sizeof path, "/proc/%d/statm", static_cast<int>(p));
+        const std::optional<std::string> statm = readProcFile(path);
+        unsigned long long size = 0, resident = 0;
+        if (!statm || std::sscanf(statm->c_str(), "%llu %llu", &size, &resident) != 2) {
+            if (p == pid) return std::nullopt;
+            continue; // a descendant that has just ended
+        }
+        sum += resident * static_cast<uint64_t>(page > 0 ? page : 4096);
+    }
+    return sum;
+}
+
+ServerFacts FactsReader::factsOf(pid_t pid, const std::string &unit) {
+    ServerFacts facts;
+    if (pid <= 0) return facts;
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%d/exe", static_cast<int>(pid));
+    char exe[4096];
+    const ssize_t n = readlink(path, exe, sizeof exe - 1);
+    if (n > 0) facts.program = std::string(exe, static_cast<size_t>(n));
+    facts.since = quendral::processStartTime(pid);
+    const std::vector<pid_t> tree = treeOf(pid);
+    facts.memoryBytes = memoryOf(pid, tree, unit);
+    facts.listening = listeningOf(tree);
+    return facts;
+}
+
+} // namespace quendralctl

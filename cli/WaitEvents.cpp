@@ -1,0 +1,143 @@
+#include "WaitEvents.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+namespace quendralctl {
+
+namespace {
+
+long envNumber(const char *name, long fallback) {
+    const char *v = std::getenv(name);
+    if (!v || !*v) return fallback;
+    char *end = nullptr;
+    const long n = std::strtol(v, &end, 10);
+    return *end || n < 0 ? fallback : n;
+}
+
+// What happens to a lock file when a server writes it (closing it after, or
+// renaming a finished file into place) or removes it, and to the watched
+// directory itself. Not IN_CREATE nor IN_MODIFY: those come while the file
+// is still empty or half written, and reading it then would report a
+// malformed lock file that is merely unfinished. A server that keeps its
+// lock file open after writing it is seen by the fallback poll.
+constexpr uint32_t kLockFileEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
+                                     IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+// Whether the descriptor is readable already: a pidfd whose process has
+// ended stays so, and polling it again would return at once, forever.
+bool readableNow(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 0) > 0;
+}
+
+} // namespace
+
+WaitEvents::WaitEvents() {
+    fallback_ = std::chrono::milliseconds(envNumber("QUENDRALCTL_TEST_FALLBACK_POLL_MS", 1000));
+    events_ = envNumber("QUENDRALCTL_TEST_NO_EVENTS", 0) == 0;
+    // Without inotify (none left for this user) the lock files are polled.
+    if (events_) inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+}
+
+WaitEvents::~WaitEvents() {
+    if (inotify_ < 0) return;
+    // Letting go of an inotify instance that has held watches waits until
+    // the kernel has retired them (a grace period of its own: 10 to 20 ms
+    // measured here), and so does a process's exit that lets go of it. A
+    // script waiting for this tool would wait that long for nothing. So the
+    // last reference goes to a child of ours that nobody waits for: it keeps
+    // nothing else open, lets go after we have, and ends.
+    int gate[2];
+    if (lockNames_.empty() || pipe2(gate, O_CLOEXEC) != 0) {
+        close(inotify_);
+        return;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        const unsigned low = static_cast<unsigned>(std::min(inotify_, gate[0]));
+        const unsigned high = static_cast<unsigned>(std::max(inotify_, gate[0]));
+        if (low > 0) close_range(0, low - 1, 0);
+        if (high > low + 1) close_range(low + 1, high - 1, 0);
+        close_range(high + 1, ~0U, 0);
+        char c;
+        while (read(gate[0], &c, 1) < 0 && errno == EINTR) {
+        }
+        _exit(0);
+    }
+    close(gate[0]);
+    close(inotify_); // not the last reference while the child holds one
+    close(gate[1]);  // which lets the child go on
+}
+
+void WaitEvents::watch(const QuendralInstance &instance) {
+    if (inotify_ < 0 || !instance.lockFile()) return;
+    const std::string &lock = *instance.lockFile();
+    const size_t slash = lock.rfind('/');
+    if (slash == std::string::npos) return;
+    const std::string dir = slash == 0 ? "/" : lock.substr(0, slash);
+    const std::string name = lock.substr(slash + 1);
+    if (!watchedLockFiles_.insert(dir + '/' + name).second) return;
+    // Two instances sharing a directory get the same watch descriptor back.
+    const int wd = inotify_add_watch(inotify_, dir.c_str(), kLockFileEvents);
+    if (wd >= 0) lockNames_[wd].insert(name);
+}
+
+bool WaitEvents::drainNotifications() {
+    alignas(inotify_event) char buf[16384];
+    bool relevant = false;
+    for (;;) {
+        const ssize_t n = read(inotify_, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return relevant;
+        for (ssize_t at = 0; at < n;) {
+            const auto *e = reinterpret_cast<const inotify_event *>(buf + at);
+            at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+            // Lost events, or a directory gone or moved: look again.
+            if (e->mask & (IN_Q_OVERFLOW | IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) {
+                relevant = true;
+                continue;
+            }
+            const auto names = lockNames_.find(e->wd);
+            // The server's log often lives beside its lock file: its lines
+            // are no reason to look.
+            if (e->len > 0 && names != lockNames_.end() && names->second.count(e->name))
+                relevant = true;
+        }
+    }
+}
+
+void WaitEvents::sleep(const std::vector<std::shared_ptr<QuendralInstance>> &pending,
+                       Clock::time_point deadline) {
+    std::vector<pollfd> fds;
+    if (inotify_ >= 0) fds.push_back({inotify_, POLLIN, 0});
+    if (events_) {
+        for (const auto &i : pending) {
+            const int fd = i->serverWaitDescriptor();
+            if (fd >= 0 && !readableNow(fd)) fds.push_back({fd, POLLIN, 0});
+        }
+    }
+    const Clock::time_point until = std::min(deadline, Clock::now() + fallback_);
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+        if (left <= 0) return;
+        const int r =
+            poll(fds.data(), fds.size(), static_cast<int>(std::min<long long>(left, INT_MAX)));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return; // the time is up (or poll cannot be used: look again)
+        for (const pollfd &p : fds) {
+            if (!p.revents) continue;
+            if (p.fd != inotify_) return; // a server has ended
+            if (drainNotifications()) return;
+        }
+    }
+}
+
+} // namespace quendralctl
