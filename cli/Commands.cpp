@@ -140,10 +140,9 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
             fail(out, "cannot be started while it is stopping");
         } else if (is(*i, ServerStatusStopped) || is(*i, ServerStatusUnknown)) {
             out.logBefore = markLogOf(*i);
-            if (i->startup())
+            // Another front end's start, over --all, is as good as ours.
+            if (i->startup() || (o.all && is(*i, ServerStatusStarting)))
                 launched.push_back(i);
-            else if (o.all && is(*i, ServerStatusStarting))
-                launched.push_back(i); // another front end's start, as good as ours
             else if (!i->failureReason().empty())
                 fail(out, "cannot be started: " + i->failureReason());
             else
@@ -256,7 +255,9 @@ int readInstallation(QuendralManager &manager, Instances &all) {
     const std::vector<std::string> searched = manager.searchPaths();
     for (const std::string &dir : searched) {
         if (const std::string why = whyUnreadable(dir); !why.empty())
-            return fail(NoInstance, "cannot read the installation " + dir + ": " + why);
+            return fail(
+                NoInstance,
+                std::string("cannot read the installation ").append(dir).append(": ").append(why));
     }
     all = manager.allInstances();
     // The manager drops a directory it failed to list (and has logged why):

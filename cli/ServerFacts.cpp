@@ -60,7 +60,7 @@ bool allDigits(const char *s) {
 // may hold anything: the parent's pid, or 0.
 pid_t parentOf(const char *pidText) {
     char path[48];
-    std::snprintf(path, sizeof path, "/proc/%s/stat", pidText);
+    (void)std::snprintf(path, sizeof path, "/proc/%s/stat", pidText);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return 0;
     char buf[512];
@@ -71,9 +71,11 @@ pid_t parentOf(const char *pidText) {
     if (n <= 0) return 0;
     buf[n] = '\0';
     const char *p = std::strrchr(buf, ')');
-    int ppid = 0;
-    if (!p || std::sscanf(p + 1, " %*c %d", &ppid) != 1) return 0;
-    return ppid;
+    // ") S 1234 ...": the state, then the parent's pid.
+    if (!p || p[1] != ' ' || !p[2] || p[3] != ' ') return 0;
+    char *end = nullptr;
+    const long ppid = std::strtol(p + 4, &end, 10);
+    return end != p + 4 && ppid > 0 && ppid <= INT32_MAX ? static_cast<pid_t>(ppid) : 0;
 }
 
 // One address of /proc/net/tcp or tcp6: hex words as the kernel stores them
@@ -156,7 +158,8 @@ std::vector<pid_t> FactsReader::treeOf(pid_t pid) {
             while (const dirent *e = readdir(d)) {
                 if (!allDigits(e->d_name)) continue;
                 if (const pid_t parent = parentOf(e->d_name); parent > 0)
-                    children_[parent].push_back(static_cast<pid_t>(std::atoi(e->d_name)));
+                    children_[parent].push_back(
+                        static_cast<pid_t>(std::strtol(e->d_name, nullptr, 10)));
             }
             closedir(d);
         }
@@ -178,7 +181,7 @@ std::optional<std::vector<Endpoint>> FactsReader::listeningOf(const std::vector<
     std::set<uint64_t> inodes;
     for (const pid_t p : tree) {
         char path[48];
-        std::snprintf(path, sizeof path, "/proc/%d/fd", static_cast<int>(p));
+        (void)std::snprintf(path, sizeof path, "/proc/%d/fd", static_cast<int>(p));
         DIR *d = opendir(path);
         if (!d) {
             // Gone since the table was read: it listens nowhere any more.
@@ -192,8 +195,12 @@ std::optional<std::vector<Endpoint>> FactsReader::listeningOf(const std::vector<
             const ssize_t n = readlinkat(dirfd(d), e->d_name, link, sizeof link - 1);
             if (n <= 0) continue;
             link[n] = '\0';
-            unsigned long long inode = 0;
-            if (std::sscanf(link, "socket:[%llu]", &inode) == 1) inodes.insert(inode);
+            constexpr std::string_view kSocket = "socket:[";
+            if (std::string_view(link).starts_with(kSocket)) {
+                char *end = nullptr;
+                const unsigned long long inode = std::strtoull(link + kSocket.size(), &end, 10);
+                if (*end == ']') inodes.insert(inode);
+            }
         }
         closedir(d);
     }
@@ -219,15 +226,16 @@ std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t
     // too (the terminal's scope a server was started from) would count
     // theirs, so then the resident sizes are summed instead.
     if (!unit.empty()) {
-        std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
+        (void)std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
         const std::optional<std::string> cgroups = readProcFile(path);
         const size_t at = cgroups ? cgroups->find("0::/") : std::string::npos;
         if (at != std::string::npos && (at == 0 || (*cgroups)[at - 1] == '\n')) {
             std::string group = cgroups->substr(at + 3);
-            group = group.substr(0, group.find('\n'));
+            if (const size_t end = group.find('\n'); end != std::string::npos) group.resize(end);
             if (group.size() > unit.size() && group.ends_with("/" + unit)) {
                 for (const char *root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
-                    std::snprintf(path, sizeof path, "%s%s/cgroup.procs", root, group.c_str());
+                    (void)std::snprintf(path, sizeof path, "%s%s/cgroup.procs", root,
+                                        group.c_str());
                     const std::optional<std::string> procs = readProcFile(path);
                     if (!procs) continue;
                     bool alone = true;
@@ -238,7 +246,8 @@ std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t
                         alone = std::find(tree.begin(), tree.end(), member) != tree.end();
                         p = end;
                     }
-                    std::snprintf(path, sizeof path, "%s%s/memory.current", root, group.c_str());
+                    (void)std::snprintf(path, sizeof path, "%s%s/memory.current", root,
+                                        group.c_str());
                     const std::optional<std::string> current =
                         alone ? readProcFile(path) : std::nullopt;
                     if (current && !current->empty())
@@ -251,10 +260,18 @@ std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t
     const long page = sysconf(_SC_PAGESIZE);
     uint64_t sum = 0;
     for (const pid_t p : tree) {
-        std::snprintf(path, sizeof path, "/proc/%d/statm", static_cast<int>(p));
+        (void)std::snprintf(path, sizeof path, "/proc/%d/statm", static_cast<int>(p));
         const std::optional<std::string> statm = readProcFile(path);
-        unsigned long long size = 0, resident = 0;
-        if (!statm || std::sscanf(statm->c_str(), "%llu %llu", &size, &resident) != 2) {
+        // "size resident shared ...", in pages.
+        char *end = nullptr;
+        unsigned long long resident = 0;
+        if (statm) {
+            (void)std::strtoull(statm->c_str(), &end, 10);
+            const char *second = end;
+            resident = std::strtoull(second, &end, 10);
+            if (end == second) end = nullptr;
+        }
+        if (!statm || !end) {
             if (p == pid) return std::nullopt;
             continue; // a descendant that has just ended
         }
@@ -267,7 +284,7 @@ ServerFacts FactsReader::factsOf(pid_t pid, const std::string &unit) {
     ServerFacts facts;
     if (pid <= 0) return facts;
     char path[48];
-    std::snprintf(path, sizeof path, "/proc/%d/exe", static_cast<int>(pid));
+    (void)std::snprintf(path, sizeof path, "/proc/%d/exe", static_cast<int>(pid));
     char exe[4096];
     const ssize_t n = readlink(path, exe, sizeof exe - 1);
     if (n > 0) facts.program = std::string(exe, static_cast<size_t>(n));

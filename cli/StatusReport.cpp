@@ -82,7 +82,7 @@ std::string memoryText(uint64_t bytes) {
         u++;
     }
     char text[32];
-    std::snprintf(text, sizeof text, "%.1f%c", v, units[u]);
+    (void)std::snprintf(text, sizeof text, "%.1f%c", v, units[u]);
     return text;
 }
 
@@ -110,8 +110,8 @@ std::string portsText(const std::optional<std::vector<Endpoint>> &listening) {
 std::string statusReport(QuendralInstance &i, FactsReader &reader, size_t lines) {
     std::string out = std::string(statusWord(i.serverStatus())) + "\n";
     out += label("Directory") + shown(i.directory()) + "\n";
-    out += label("Enabled") +
-           (quendral::isEnabledAtLogin(i.directory()) ? "at login" : "no") + "\n";
+    out +=
+        label("Enabled") + (quendral::isEnabledAtLogin(i.directory()) ? "at login" : "no") + "\n";
     if (hasLiveServer(i)) {
         const std::string unit = serverUnit(i);
         const ServerFacts facts = reader.factsOf(i.pid(), unit);

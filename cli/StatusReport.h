@@ -31,9 +31,9 @@ std::string endpointText(const Endpoint &e);
 std::string portsText(const std::optional<std::vector<Endpoint>> &listening);
 
 // The whole of `status` for people: the status word on the first line, then
-// Directory:, Enabled: (whether it starts at login), for a live server Server:, Since:, Memory:, Listening:, Unit:
-// where it has one, and Log: followed by the log's last `lines` lines.
-// Names and paths are escaped for a terminal on standard output (Output.h).
+// Directory:, Enabled: (whether it starts at login), for a live server Server:, Since:, Memory:,
+// Listening:, Unit: where it has one, and Log: followed by the log's last `lines` lines. Names and
+// paths are escaped for a terminal on standard output (Output.h).
 std::string statusReport(QuendralInstance &instance, FactsReader &facts, size_t lines);
 
 } // namespace quendralctl

@@ -39,9 +39,9 @@ bool readableNow(int fd) {
 
 } // namespace
 
-WaitEvents::WaitEvents() {
-    fallback_ = std::chrono::milliseconds(envNumber("QUENDRALCTL_TEST_FALLBACK_POLL_MS", 1000));
-    events_ = envNumber("QUENDRALCTL_TEST_NO_EVENTS", 0) == 0;
+WaitEvents::WaitEvents()
+    : events_(envNumber("QUENDRALCTL_TEST_NO_EVENTS", 0) == 0),
+      fallback_(envNumber("QUENDRALCTL_TEST_FALLBACK_POLL_MS", 1000)) {
     // Without inotify (none left for this user) the lock files are polled.
     if (events_) inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
 }

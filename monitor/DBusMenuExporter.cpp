@@ -270,7 +270,7 @@ bool DBusMenuExporter::handleEvent(int id, const QString &eventId) {
     if (eventId == QLatin1String("clicked")) {
         // After the reply: the action may run a dialog of its own, and the
         // host waits for the answer to its call.
-        QMetaObject::invokeMethod(action, &QAction::trigger, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(action, "trigger", Qt::QueuedConnection);
     } else if (eventId == QLatin1String("hovered")) {
         emit itemHovered();
     }
@@ -312,8 +312,7 @@ void DBusMenuExporter::scheduleFlush() {
     // control is back in the event loop.
     if (_flushScheduled) return;
     _flushScheduled = true;
-    QMetaObject::invokeMethod(
-        this, [this] { flush(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, "flush", Qt::QueuedConnection);
 }
 
 bool DBusMenuExporter::flush() {

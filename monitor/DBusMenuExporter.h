@@ -45,6 +45,7 @@ using DBusMenuItemKeysList = QList<DBusMenuItemKeys>;
 using DBusMenuEventList = QList<DBusMenuEvent>;
 using DBusMenuShortcut = QList<QStringList>;
 
+// cppcheck-suppress unknownMacro
 Q_DECLARE_METATYPE(DBusMenuItem)
 Q_DECLARE_METATYPE(DBusMenuItemKeys)
 Q_DECLARE_METATYPE(DBusMenuLayoutItem)
@@ -102,7 +103,7 @@ class DBusMenuExporter : public QObject {
     void scheduleFlush();
     // Sends what changed since the last time: a new layout when items came
     // or went, else the properties that differ. Whether anything was sent.
-    bool flush();
+    Q_INVOKABLE bool flush();
 
     QPointer<QMenu> _menu;
     QString _path;

@@ -53,7 +53,7 @@ int pidfdSendSignal(int fd, int sig) {
 // by one read of this size.
 bool readProcFile(pid_t pid, const char *name, char *buf, size_t size) {
     char path[48];
-    std::snprintf(path, sizeof path, "/proc/%d/%s", static_cast<int>(pid), name);
+    (void)std::snprintf(path, sizeof path, "/proc/%d/%s", static_cast<int>(pid), name);
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return false;
     ssize_t n;
@@ -94,7 +94,7 @@ std::optional<ProcessStat> readProcessStat(pid_t pid) {
 std::optional<uid_t> processUser(pid_t pid) {
     if (pid <= 0) return std::nullopt;
     char path[48];
-    std::snprintf(path, sizeof path, "/proc/%d", static_cast<int>(pid));
+    (void)std::snprintf(path, sizeof path, "/proc/%d", static_cast<int>(pid));
     // /proc/PID belongs to the process's effective user, unless the process
     // made itself non-dumpable: then it shows as root's, and only its status
     // file tells the truth.
@@ -106,8 +106,11 @@ std::optional<uid_t> processUser(pid_t pid) {
     // "Uid:\treal\teffective\tsaved\tfilesystem"
     const char *line = std::strstr(buf, "\nUid:");
     if (!line) return std::nullopt;
-    unsigned long real = 0, effective = 0;
-    if (std::sscanf(line + 5, "%lu %lu", &real, &effective) != 2) return std::nullopt;
+    char *end = nullptr;
+    (void)std::strtoul(line + 5, &end, 10); // the real user
+    const char *second = end;
+    const unsigned long effective = std::strtoul(second, &end, 10);
+    if (end == second) return std::nullopt;
     return static_cast<uid_t>(effective);
 }
 

@@ -64,7 +64,7 @@ std::string unitArgument(const std::string &arg) {
             out += "$$";
         } else if (c < 0x20 || c == 0x7f) {
             char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            (void)std::snprintf(hex, sizeof hex, "\\x%02x", c);
             out += hex;
         } else {
             out += static_cast<char>(c);
@@ -282,8 +282,8 @@ AtLoginChange disableAtLogin(const std::string &directory) {
     const std::string dir = absoluteDirectory(directory);
     const std::string unit = loginUnitName(dir);
     const std::string unitFile = loginUnitFile(dir);
-    std::string why;
     if (exists(unitFile) || exists(wantsLink(dir))) {
+        std::string why;
         const bool known = exists(unitFile);
         const std::optional<bool> asked =
             known ? askManager(Ask::Disable, unit, why, change.error) : std::nullopt;

@@ -26,7 +26,7 @@ std::string randomPart() {
     std::random_device device;
     std::uniform_int_distribution<unsigned long long> any;
     char hex[32];
-    std::snprintf(hex, sizeof hex, "%016llx", any(device));
+    (void)std::snprintf(hex, sizeof hex, "%016llx", any(device));
     return hex;
 }
 
@@ -40,7 +40,7 @@ std::string escapeUnitNamePart(const std::string &part) {
             out += static_cast<char>(c);
         } else {
             char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            (void)std::snprintf(hex, sizeof hex, "\\x%02x", c);
             out += hex;
         }
     }
@@ -49,7 +49,7 @@ std::string escapeUnitNamePart(const std::string &part) {
 
 std::string unitOfProcess(pid_t pid) {
     char path[48];
-    std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
+    (void)std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return "";
     char buf[4096];

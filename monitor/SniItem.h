@@ -29,6 +29,7 @@ struct SniToolTip {
     QString description;
 };
 
+// cppcheck-suppress unknownMacro
 Q_DECLARE_METATYPE(SniIconPixmap)
 Q_DECLARE_METATYPE(SniToolTip)
 

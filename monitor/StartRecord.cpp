@@ -79,10 +79,12 @@ std::optional<LaunchedProcess> readRecordFd(int fd) {
     }
     if (n <= 0) return std::nullopt;
     buf[n] = '\0';
-    long pid = 0;
-    unsigned long long ticks = 0;
-    if (std::sscanf(buf, "%ld %llu", &pid, &ticks) != 2 || pid <= 0 || pid > INT32_MAX)
-        return std::nullopt;
+    // "pid ticks", blanks before each.
+    char *end = nullptr;
+    const long pid = std::strtol(buf, &end, 10);
+    const char *second = end;
+    const unsigned long long ticks = std::strtoull(second, &end, 10);
+    if (end == second || pid <= 0 || pid > INT32_MAX) return std::nullopt;
     return LaunchedProcess{static_cast<pid_t>(pid), ticks, st.st_mtim};
 }
 
@@ -155,8 +157,8 @@ std::string startRecordPath(const std::string &instanceDirectory, std::string *e
         return {};
     }
     char name[64];
-    std::snprintf(name, sizeof name, "/%llx-%llx", static_cast<unsigned long long>(st.st_dev),
-                  static_cast<unsigned long long>(st.st_ino));
+    (void)std::snprintf(name, sizeof name, "/%llx-%llx", static_cast<unsigned long long>(st.st_dev),
+                        static_cast<unsigned long long>(st.st_ino));
     return *dir + name;
 }
 
@@ -185,8 +187,9 @@ std::string writerMemoPath(const LockFileVersion &file) {
     const auto dir = startRecordDirectory();
     if (!dir) return {};
     char name[80];
-    std::snprintf(name, sizeof name, "/w-%llx-%llx", static_cast<unsigned long long>(file.device),
-                  static_cast<unsigned long long>(file.inode));
+    (void)std::snprintf(name, sizeof name, "/w-%llx-%llx",
+                        static_cast<unsigned long long>(file.device),
+                        static_cast<unsigned long long>(file.inode));
     return *dir + name;
 }
 
@@ -194,9 +197,9 @@ std::string writerMemoPath(const LockFileVersion &file) {
 // the sweep of void records also removes memos of processes that ended.
 std::string writerMemoText(const LockFileVersion &file, const LaunchedProcess &writer) {
     char text[128];
-    std::snprintf(text, sizeof text, "%ld %llu %lld %ld\n", static_cast<long>(writer.pid),
-                  writer.startTicks, static_cast<long long>(file.mtime.tv_sec),
-                  static_cast<long>(file.mtime.tv_nsec));
+    (void)std::snprintf(text, sizeof text, "%ld %llu %lld %ld\n", static_cast<long>(writer.pid),
+                        writer.startTicks, static_cast<long long>(file.mtime.tv_sec),
+                        static_cast<long>(file.mtime.tv_nsec));
     return text;
 }
 
@@ -294,8 +297,8 @@ StartLock::~StartLock() {
     // A lock taken for a start that did not happen leaves no file behind;
     // one holding another front end's live record keeps it.
     if (state_ == Held) {
-        const auto record = readRecordFd(fd_);
-        if (!record || !isLive(*record)) unlink(recordPath_.c_str());
+        const auto held = readRecordFd(fd_);
+        if (!held || !isLive(*held)) unlink(recordPath_.c_str());
     }
     // Closing the descriptor releases the lock.
     if (fd_ >= 0) close(fd_);

@@ -19,7 +19,8 @@ QString installTranslations(QCoreApplication &app, const QLocale &locale,
         }
     }
     if (language.isEmpty()) delete translator;
-    auto *qt = new QTranslator(&app);
+    // Both translators belong to the application (their parent) once made.
+    auto *qt = new QTranslator(&app); // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
     if (qt->load(locale, QStringLiteral("qtbase"), QStringLiteral("_"),
                  QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
         QCoreApplication::installTranslator(qt);
