@@ -30,7 +30,8 @@ TEST_F(QuendralctlHardening, PidOneOfAPidNamespaceIsNeverTheServer) {
                    shellQuote(QUENDRALCTL_PATH) + " stop; echo stop=$?; echo alive"));
     if (r.out.find("status=") == std::string::npos)
         GTEST_SKIP() << "no pid namespace here: " << r.err;
-    EXPECT_NE(r.out.find("stopped\n    Directory: " + dir + "\n      Enabled: no\n          Log: -\nstatus=3\n"),
+    EXPECT_NE(r.out.find("stopped\n    Directory: " + dir +
+                         "\n      Enabled: no\n          Log: -\nstatus=3\n"),
               std::string::npos)
         << r.out << r.err;
     EXPECT_NE(r.out.find("stop=1\nalive\n"), std::string::npos) << r.out << r.err;

@@ -124,7 +124,8 @@ TEST_F(QuendralctlOutput, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
     seen = onTerminal("status -n 0 " + shellQuote(retitle));
     EXPECT_EQ(seen, "quendralctl: stale .lck file detected: " + home / retitleShown +
                         "/quendral.lck\nstopped\n    Directory: " + home / retitleShown +
-                        "\n      Enabled: no\n          Log: " + home / retitleShown + "/quendral.log\n");
+                        "\n      Enabled: no\n          Log: " + home / retitleShown +
+                        "/quendral.log\n");
 
     // Into a pipe the bytes are kept; JSON escapes them its own way.
     EXPECT_EQ(ctl("list --names").out,

@@ -155,8 +155,8 @@ TEST_F(QuendralctlStatus, ShowsTheLogsLastLinesAsAskedFor) {
     std::string log;
     for (int n = 1; n <= 10; n++) log += "line " + std::to_string(n) + "\n";
     writeFile(dir + "/quendral.log", log);
-    const std::string head =
-        "stopped\n    Directory: " + dir + "\n      Enabled: no\n          Log: " + dir + "/quendral.log\n";
+    const std::string head = "stopped\n    Directory: " + dir +
+                             "\n      Enabled: no\n          Log: " + dir + "/quendral.log\n";
     CtlResult r = ctl("status -n 3");
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(r.out, head + "\nline 8\nline 9\nline 10\n");
