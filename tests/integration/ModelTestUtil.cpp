@@ -64,14 +64,6 @@ std::vector<std::string> LogCapture::linesButUnitNotices() const {
     return kept;
 }
 
-char processState(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(in, line)) return 0;
-    const size_t paren = line.rfind(')');
-    return paren != std::string::npos && paren + 2 < line.size() ? line[paren + 2] : 0;
-}
-
 pid_t parentOf(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string line;

@@ -50,9 +50,6 @@ class ChildProcess {
     pid_t pid_ = -1;
 };
 
-// Process state letter from /proc (R, S, Z, ...), or 0 when gone.
-char processState(pid_t pid);
-
 // The parent pid of a live process, or 0.
 pid_t parentOf(pid_t pid);
 

@@ -17,18 +17,13 @@
 
 namespace testsupport {
 
-namespace {
-
-// Process state letter from /proc (R, S, Z, ...), or 0 when gone.
-char stateOf(pid_t pid) {
+char processState(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
     if (!std::getline(in, line)) return 0;
     const size_t paren = line.rfind(')');
     return paren != std::string::npos && paren + 2 < line.size() ? line[paren + 2] : 0;
 }
-
-} // namespace
 
 std::vector<pid_t> processesIn(const std::string &dir) {
     std::vector<pid_t> found;
@@ -51,7 +46,7 @@ std::vector<pid_t> processesIn(const std::string &dir) {
         if (cwd.size() > deleted.size() && cwd.ends_with(deleted))
             cwd.resize(cwd.size() - deleted.size());
         if (cwd != root && !cwd.starts_with(root + "/")) continue;
-        const char state = stateOf(static_cast<pid_t>(pid));
+        const char state = processState(static_cast<pid_t>(pid));
         if (state != 0 && state != 'Z') found.push_back(static_cast<pid_t>(pid));
     }
     closedir(proc);
@@ -65,7 +60,7 @@ void killProcessesIn(const std::string &dir) {
         for (pid_t p : pids) kill(p, SIGKILL);
         for (int i = 0; i < 500; i++) {
             if (std::all_of(pids.begin(), pids.end(), [](pid_t p) {
-                    const char state = stateOf(p);
+                    const char state = processState(p);
                     return state == 0 || state == 'Z';
                 }))
                 break;

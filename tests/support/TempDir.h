@@ -27,6 +27,9 @@ class TempDir {
     std::string path_;
 };
 
+// Process state letter from /proc (R, S, Z, ...), or 0 when gone.
+char processState(pid_t pid);
+
 // The processes still running (zombies left out) whose working directory is
 // `dir` or lies under it: the servers started there, whoever started them.
 std::vector<pid_t> processesIn(const std::string &dir);

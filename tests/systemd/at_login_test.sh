@@ -10,16 +10,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/user_manager.sh"
 ctl=$(realpath "$1")
 demo=$(realpath "$2")
-failures=0
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
 
 um_start
-home=$UM_DIR/home/q
-mkdir -p "$home/bin"
-cp "$demo" "$home/bin/quendral"
+um_installation "$demo"
+home=$UM_HOME
 odd='odd "q" $x 100%'
 for name in database sales broken gone "$odd"; do
     mkdir -p "$home/$name"
@@ -102,5 +96,4 @@ out=$(ctl disable --all) || fail "disable --all: $out"
 ls "$UM_DIR/home/.config/systemd/user/" | grep -q quendral-server && fail "unit files left"
 ctl stop --all --wait 10 >/dev/null
 
-[ "$failures" -eq 0 ] || { echo "$failures check(s) failed"; exit 1; }
-echo "all checks passed"
+um_finish

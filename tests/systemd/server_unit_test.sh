@@ -12,16 +12,10 @@ here=$(cd "$(dirname "$0")" && pwd)
 ctl=$(realpath "$1")
 demo=$(realpath "$2")
 tray=${3:+$(realpath "$3")}
-failures=0
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
 
 um_start
-home=$UM_DIR/home/q
-mkdir -p "$home/bin"
-cp "$demo" "$home/bin/quendral"
+um_installation "$demo"
+home=$UM_HOME
 for name in database sales forking; do
     mkdir -p "$home/$name"
     printf '[database]\n' >"$home/$name/quendral.ini"
@@ -137,5 +131,4 @@ with=$(median_start_ms)
 without=$(median_start_ms DBUS_SESSION_BUS_ADDRESS=unix:path=/nonexistent XDG_RUNTIME_DIR=/nonexistent)
 echo "start with its own unit: ${with} us; without a service manager: ${without} us"
 
-[ "$failures" -eq 0 ] || { echo "$failures check(s) failed"; exit 1; }
-echo "all checks passed"
+um_finish

@@ -12,6 +12,9 @@
 #   um_run CMD...     run CMD as the user inside the delegated group, with
 #                     XDG_RUNTIME_DIR and DBUS_SESSION_BUS_ADDRESS set
 #   um_stop           stop it and undo everything um_start did
+#   um_installation DEMO   an installation of the user's, $UM_HOME, whose
+#                     bin/quendral is DEMO
+#   fail MESSAGE      count a failed check; um_finish then exits 1
 #
 # While the marker directory exists other programs believe systemd is init,
 # so tests using this run alone (RUN_SERIAL), and um_stop runs on any exit.
@@ -21,6 +24,23 @@ UM_MARKER_MADE=0
 UM_GROUP=quendral-test-$$
 UM_DIR=
 UM_MANAGER_PID=
+
+UM_FAILURES=0
+fail() {
+    echo "FAIL: $*"
+    UM_FAILURES=$((UM_FAILURES + 1))
+}
+
+um_finish() {
+    [ "$UM_FAILURES" -eq 0 ] || { echo "$UM_FAILURES check(s) failed"; exit 1; }
+    echo "all checks passed"
+}
+
+um_installation() {
+    UM_HOME=$UM_DIR/home/q
+    mkdir -p "$UM_HOME/bin"
+    cp "$1" "$UM_HOME/bin/quendral"
+}
 
 um_skip() {
     echo "SKIPPED: no systemd user manager here: $*"
