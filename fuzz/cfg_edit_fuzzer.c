@@ -103,13 +103,20 @@ static int same_entries(const TWK_CfgHandle *a, const TWK_CfgHandle *b) {
     return 1;
 }
 
-/* Whether h holds a key with an empty id (from a line "=value"). The layout
- * writes such a key as " = value", indented (or padded to the section's key
- * column), which reads back as a continuation line: a kind of entry
- * the layout does not carry, so a file holding one is no fixed point. */
-static int has_empty_key(const TWK_CfgHandle *h) {
-    for (uint32_t i = 0; i < h->numEntries; i++)
-        if (h->entries[i].id && h->entries[i].id[0] == '\0' && h->entries[i].value) return 1;
+/* Whether h holds an entry the layout cannot carry back as itself:
+ *   - a key with an empty id (from a line "=value"). The layout writes it as
+ *     " = value", indented (or padded to the section's key column), which
+ *     reads back as a continuation line;
+ *   - a continuation whose value is empty (a line of blanks and other white
+ *     space before a comment, "  \v ;c": the value is trimmed to nothing).
+ *     The layout writes it as "  \t;c", which reads back as a comment line.
+ * A file holding either is no fixed point. */
+static int has_uncarried_entry(const TWK_CfgHandle *h) {
+    for (uint32_t i = 0; i < h->numEntries; i++) {
+        const TWK_CfgEntry *e = &h->entries[i];
+        if (e->id && e->id[0] == '\0' && e->value) return 1;
+        if (!e->section && !e->id && e->value && e->value[0] == '\0') return 1;
+    }
     return 0;
 }
 
@@ -203,7 +210,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
      * again and reloaded, it gives the same entries. */
     TWK_CfgHandle *again = NULL, *back = NULL;
     check(TWK_Cfg_init(&again, path) == 0);
-    const int carried = !has_empty_key(again);
+    const int carried = !has_uncarried_entry(again);
     again->dirty = 1;
     check(TWK_Cfg_commit(again) == 0);
     check(again->dirty == 0);

@@ -65,6 +65,21 @@ TEST_F(CfgCommit, CommentsContinuationsAndKeysBeforeAnySection) {
     EXPECT_EQ(commitAll(h.get()), "top = 1\t; c\n  cont\t;cc\n[s]\t; head\nk = v\n;plain\n");
 }
 
+// A continuation trimmed to nothing (a vertical tab is white space but not a
+// blank) keeps its comment; the layout writes it as "  \t;c", which the reader
+// then takes for a comment line: such a file is not carried through unchanged.
+TEST_F(CfgCommit, ContinuationTrimmedToNothingIsWrittenAsTwoSpacesAndItsComment) {
+    Handle h = load("[a]\n  \v\t;c\n");
+    ASSERT_EQ(h->numEntries, 2u);
+    EXPECT_STREQ(h->entries[1].value, "");
+    EXPECT_STREQ(h->entries[1].comment, "c");
+    EXPECT_EQ(commitAll(h.get()), "[a]\n  \t;c\n");
+    Handle back = load(readFile(path));
+    ASSERT_EQ(back->numEntries, 2u);
+    EXPECT_EQ(back->entries[1].value, nullptr);
+    EXPECT_STREQ(back->entries[1].comment, "c");
+}
+
 TEST_F(CfgCommit, BlankLineGoesBeforeTheCommentBlockThatIntroducesTheNextSection) {
     Handle h =
         load("[a]\nx = 1\n;note of a\n;; about b\n; more about b\n[b]\ny = 2\n;; trailing\n");
