@@ -69,7 +69,7 @@ std::string whyUnreadable(const std::string &dir) {
     return "";
 }
 
-bool is(const QuendralInstance &i, int32_t status) {
+bool is(const QuendralInstance &i, ServerStatus status) {
     return i.serverStatus() == status;
 }
 bool settled(const QuendralInstance &i) {
@@ -92,6 +92,45 @@ void fail(Outcome &o, const std::string &what, bool showLog = false) {
     o.error = o.instance->displayName() + " " + what;
     o.showLog = showLog;
 }
+
+// Why startup() or shutdown() did nothing. A refusal by status reads as it
+// always has ("sales cannot be started (it is running)"); a failure names
+// what failed, in pg_ctl's manner: "sales: cannot start /opt/q/bin/quendral:
+// Permission denied".
+void failAction(Outcome &o, bool start) {
+    const ActionFailure &f = o.instance->failure();
+    const std::string name = o.instance->displayName();
+    const std::string passive = start ? "cannot be started" : "cannot be stopped";
+    switch (f.kind) {
+    case ActionFailure::ForkFailed:
+    case ActionFailure::ExecFailed:
+    case ActionFailure::SignalFailed:
+        o.failed = true;
+        o.error = name + ": " + f.text;
+        return;
+    case ActionFailure::Removed:
+    case ActionFailure::NoExecutable:
+        o.failed = true;
+        o.error = name + (start ? ": cannot start: " : ": cannot stop: ") + f.text;
+        return;
+    case ActionFailure::NotStopped:
+    case ActionFailure::NotRunning:
+    case ActionFailure::StartBeingDecided:
+    case ActionFailure::StartLockFailed:
+        if (!f.text.empty()) {
+            fail(o, passive + ": " + f.text);
+            return;
+        }
+        break;
+    case ActionFailure::None:
+        break;
+    }
+    fail(o, passive + " (it is " + statusWord(o.instance->serverStatus()) + ")");
+}
+
+// How long a start waits for the launched child to say whether it could run
+// the server program: it needs well under a millisecond.
+constexpr int kLaunchVerdictWaitMs = 2000;
 
 // Where the instance's log file stands before a start.
 LogMark markLogOf(QuendralInstance &i) {
@@ -141,13 +180,18 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
         } else if (is(*i, ServerStatusStopped) || is(*i, ServerStatusUnknown)) {
             out.logBefore = markLogOf(*i);
             // Another front end's start, over --all, is as good as ours.
-            if (i->startup() || (o.all && is(*i, ServerStatusStarting)))
+            if (i->startup()) {
+                // A program that cannot be run is known at once: say so
+                // now rather than "starting", or after the whole wait.
+                if (const auto why = i->launchFailure(kLaunchVerdictWaitMs); why && !why->empty())
+                    failAction(out, true);
+                else
+                    launched.push_back(i);
+            } else if (o.all && is(*i, ServerStatusStarting)) {
                 launched.push_back(i);
-            else if (!i->failureReason().empty())
-                fail(out, "cannot be started: " + i->failureReason());
-            else
-                fail(out, std::string("cannot be started (it is ") + statusWord(i->serverStatus()) +
-                              ")");
+            } else {
+                failAction(out, true);
+            }
         } else if (is(*i, ServerStatusStarting)) {
             // Over --all a start in progress is as it should be; asked for
             // this one instance, starting it again is refused, as for a
@@ -167,7 +211,10 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
         if (out.failed ||
             std::find(launched.begin(), launched.end(), out.instance) == launched.end())
             continue;
-        if (is(*out.instance, ServerStatusStopped))
+        if (is(*out.instance, ServerStatusStopped) &&
+            out.instance->failure().kind == ActionFailure::ExecFailed)
+            failAction(out, true);
+        else if (is(*out.instance, ServerStatusStopped))
             fail(out, "did not start (stopped)", true);
         else if (o.wait > 0 && is(*out.instance, ServerStatusStarting))
             fail(out, "did not start within the time given (starting)", true);
@@ -191,10 +238,8 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
         } else if (is(*i, ServerStatusRunning)) {
             if (i->shutdown())
                 stopping.push_back(i);
-            else if (!i->failureReason().empty())
-                fail(out, "cannot be stopped: " + i->failureReason());
             else
-                fail(out, "cannot be stopped");
+                failAction(out, false);
         } else if (is(*i, ServerStatusStopping)) {
             stopping.push_back(i);
         } else if (!o.all) {

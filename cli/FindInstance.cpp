@@ -1,4 +1,5 @@
 #include "FindInstance.h"
+#include "SystemIo.h"
 
 #include "PathUtil.h"
 
@@ -19,10 +20,7 @@ bool identify(const std::string &path, dev_t &dev, ino_t &ino) {
     return true;
 }
 
-std::string realPath(const std::string &path) {
-    char buf[PATH_MAX];
-    return realpath(path.c_str(), buf) ? buf : "";
-}
+using quendral::sys::realPath;
 
 // The path as written, made absolute and tidied without looking at the
 // file system ("." and "//" dropped, ".." taken back): links stay as they are.

@@ -6,21 +6,6 @@
 
 namespace quendralctl {
 
-const char *statusWord(int32_t status) {
-    switch (status) {
-    case ServerStatusStopped:
-        return "stopped";
-    case ServerStatusStarting:
-        return "starting";
-    case ServerStatusRunning:
-        return "running";
-    case ServerStatusStopping:
-        return "stopping";
-    default:
-        return "unknown";
-    }
-}
-
 std::string serverUnit(const QuendralInstance &i) {
     const bool live = i.serverStatus() == ServerStatusRunning ||
                       i.serverStatus() == ServerStatusStarting ||

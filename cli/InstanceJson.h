@@ -9,8 +9,6 @@
 
 namespace quendralctl {
 
-const char *statusWord(int32_t status);
-
 // The unit of the user's service manager holding the instance's live server
 // ("" for none), so that systemctl and journalctl can be pointed at it.
 std::string serverUnit(const QuendralInstance &instance);

@@ -1,5 +1,7 @@
 #include "LogTail.h"
 
+#include "SystemIo.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -15,36 +17,36 @@ namespace {
 constexpr size_t kChunk = 64 << 10;
 
 // Opens a log file for reading: regular files only, never blocking on the
-// open (a FIFO without writer would), and with blocking reads afterwards
-// meaningless for a regular file anyway.
+// open (a FIFO without writer would).
 int openLog(const std::string &path, struct stat &st, std::string &error) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) {
-        error = errno == ENOENT ? "there is no log file " + path
-                                : "cannot open " + path + ": " + std::strerror(errno);
+    const quendral::sys::OpenedFile f = quendral::sys::openRegular(path);
+    switch (f.kind) {
+    case quendral::sys::FileKind::Regular:
+        st = f.st;
+        return f.fd;
+    case quendral::sys::FileKind::Missing:
+        if (f.errorNumber == ENOENT) {
+            error = "there is no log file " + path;
+            return -1;
+        }
+        [[fallthrough]];
+    case quendral::sys::FileKind::Failed:
+        error = "cannot open " + path + ": " + std::strerror(f.errorNumber);
         return -1;
+    case quendral::sys::FileKind::Directory:
+    case quendral::sys::FileKind::NotRegular:
+        break;
     }
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        error = path + " is not a regular file";
-        close(fd);
-        return -1;
-    }
-    return fd;
+    error = path + " is not a regular file";
+    return -1;
 }
 
 bool readAt(int fd, off_t offset, size_t size, std::string &into) {
     into.resize(size);
     size_t got = 0;
-    while (got < size) {
-        const ssize_t n =
-            pread(fd, into.data() + got, size - got, offset + static_cast<off_t>(got));
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) break;
-        got += static_cast<size_t>(n);
-    }
+    const bool ok = quendral::sys::readAt(fd, offset, into.data(), size, got);
     into.resize(got);
-    return true;
+    return ok;
 }
 
 // The last `lines` lines of the bytes from `begin` to `size` of an open

@@ -1,6 +1,7 @@
 #include "ServerFacts.h"
 
 #include "ProcessHandle.h"
+#include "SystemIo.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -27,55 +28,11 @@ bool operator==(const Endpoint &a, const Endpoint &b) {
 
 namespace {
 
-// A file of /proc (or /sys) read whole; nullopt when it cannot be opened or
-// read. These files have no size to go by, and the small ones are read in
-// one call.
-std::optional<std::string> readProcFile(const char *path) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return std::nullopt;
-    std::string text;
-    char buf[8192];
-    for (;;) {
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            close(fd);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        text.append(buf, static_cast<size_t>(n));
-    }
-    close(fd);
-    return text;
-}
-
 bool allDigits(const char *s) {
     if (!*s) return false;
     for (; *s; s++)
         if (*s < '0' || *s > '9') return false;
     return true;
-}
-
-// Field 4 of /proc/PID/stat, counted from the last ')' as the command name
-// may hold anything: the parent's pid, or 0.
-pid_t parentOf(const char *pidText) {
-    char path[48];
-    (void)std::snprintf(path, sizeof path, "/proc/%s/stat", pidText);
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return 0;
-    char buf[512];
-    ssize_t n;
-    do n = read(fd, buf, sizeof buf - 1);
-    while (n < 0 && errno == EINTR);
-    close(fd);
-    if (n <= 0) return 0;
-    buf[n] = '\0';
-    const char *p = std::strrchr(buf, ')');
-    // ") S 1234 ...": the state, then the parent's pid.
-    if (!p || p[1] != ' ' || !p[2] || p[3] != ' ') return 0;
-    char *end = nullptr;
-    const long ppid = std::strtol(p + 4, &end, 10);
-    return end != p + 4 && ppid > 0 && ppid <= INT32_MAX ? static_cast<pid_t>(ppid) : 0;
 }
 
 // One address of /proc/net/tcp or tcp6: hex words as the kernel stores them
@@ -105,7 +62,7 @@ bool parseAddress(std::string_view text, bool v6, std::string &address, unsigned
 // connected) of one table, by inode.
 void readTable(const char *path, const char *proto, bool v6, bool tcp,
                std::unordered_map<uint64_t, Endpoint> &into) {
-    const std::optional<std::string> text = readProcFile(path);
+    const std::optional<std::string> text = quendral::sys::readWhole(path);
     if (!text) return;
     std::string_view rest(*text);
     rest.remove_prefix(std::min(rest.size(), rest.find('\n') + 1)); // the header
@@ -157,9 +114,9 @@ std::vector<pid_t> FactsReader::treeOf(pid_t pid) {
         if (DIR *d = opendir("/proc")) {
             while (const dirent *e = readdir(d)) {
                 if (!allDigits(e->d_name)) continue;
-                if (const pid_t parent = parentOf(e->d_name); parent > 0)
-                    children_[parent].push_back(
-                        static_cast<pid_t>(std::strtol(e->d_name, nullptr, 10)));
+                const auto child = static_cast<pid_t>(std::strtol(e->d_name, nullptr, 10));
+                const auto stat = quendral::readProcessStat(child);
+                if (stat && stat->parent > 0) children_[stat->parent].push_back(child);
             }
             closedir(d);
         }
@@ -227,7 +184,7 @@ std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t
     // theirs, so then the resident sizes are summed instead.
     if (!unit.empty()) {
         (void)std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
-        const std::optional<std::string> cgroups = readProcFile(path);
+        const std::optional<std::string> cgroups = quendral::sys::readWhole(path);
         const size_t at = cgroups ? cgroups->find("0::/") : std::string::npos;
         if (at != std::string::npos && (at == 0 || (*cgroups)[at - 1] == '\n')) {
             std::string group = cgroups->substr(at + 3);
@@ -236,7 +193,7 @@ std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t
                 for (const char *root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
                     (void)std::snprintf(path, sizeof path, "%s%s/cgroup.procs", root,
                                         group.c_str());
-                    const std::optional<std::string> procs = readProcFile(path);
+                    const std::optional<std::string> procs = quendral::sys::readWhole(path);
                     if (!procs) continue;
                     bool alone = true;
                     for (const char *p = procs->c_str(); *p && alone;) {
@@ -249,7 +206,7 @@ std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t
                     (void)std::snprintf(path, sizeof path, "%s%s/memory.current", root,
                                         group.c_str());
                     const std::optional<std::string> current =
-                        alone ? readProcFile(path) : std::nullopt;
+                        alone ? quendral::sys::readWhole(path) : std::nullopt;
                     if (current && !current->empty())
                         return std::strtoull(current->c_str(), nullptr, 10);
                     break;
@@ -261,7 +218,7 @@ std::optional<uint64_t> FactsReader::memoryOf(pid_t pid, const std::vector<pid_t
     uint64_t sum = 0;
     for (const pid_t p : tree) {
         (void)std::snprintf(path, sizeof path, "/proc/%d/statm", static_cast<int>(p));
-        const std::optional<std::string> statm = readProcFile(path);
+        const std::optional<std::string> statm = quendral::sys::readWhole(path);
         // "size resident shared ...", in pages.
         char *end = nullptr;
         unsigned long long resident = 0;

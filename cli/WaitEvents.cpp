@@ -1,4 +1,5 @@
 #include "WaitEvents.h"
+#include "SystemIo.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -67,8 +68,7 @@ WaitEvents::~WaitEvents() {
         if (high > low + 1) close_range(low + 1, high - 1, 0);
         close_range(high + 1, ~0U, 0);
         char c;
-        while (read(gate[0], &c, 1) < 0 && errno == EINTR) {
-        }
+        (void)quendral::sys::retryOnInterrupt([&] { return read(gate[0], &c, 1); });
         _exit(0);
     }
     close(gate[0]);
@@ -81,7 +81,7 @@ void WaitEvents::watch(const QuendralInstance &instance) {
     const std::string &lock = *instance.lockFile();
     const size_t slash = lock.rfind('/');
     if (slash == std::string::npos) return;
-    const std::string dir = slash == 0 ? "/" : lock.substr(0, slash);
+    const std::string dir = quendral::sys::parentDirectory(lock);
     const std::string name = lock.substr(slash + 1);
     if (!watchedLockFiles_.insert(dir + '/' + name).second) return;
     // Two instances sharing a directory get the same watch descriptor back.
@@ -93,8 +93,8 @@ bool WaitEvents::drainNotifications() {
     alignas(inotify_event) char buf[16384];
     bool relevant = false;
     for (;;) {
-        const ssize_t n = read(inotify_, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n =
+            quendral::sys::retryOnInterrupt([&] { return read(inotify_, buf, sizeof buf); });
         if (n <= 0) return relevant;
         for (ssize_t at = 0; at < n;) {
             const auto *e = reinterpret_cast<const inotify_event *>(buf + at);

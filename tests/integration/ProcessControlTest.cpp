@@ -198,6 +198,68 @@ TEST_F(ProcessControl, NonExecutableServerInTheInstanceIsUsedAndTheInstanceRetur
     EXPECT_FALSE(std::filesystem::exists(lck));
 }
 
+TEST_F(ProcessControl, AProgramWithoutTheExecuteBitIsLaunchedAndSaysWhyItDidNotRun) {
+    const std::string program = instDir + "/quendral";
+    writeFile(program, "not a program\n");
+    chmod(program.c_str(), 0644);
+    // The start goes ahead: the file is there, and only running it tells.
+    ASSERT_TRUE(inst->startup());
+    EXPECT_EQ(inst->failure().kind, ActionFailure::None);
+    const pid_t launched = inst->pid();
+    EXPECT_EQ(inst->launchFailure(5000), "cannot start " + program + ": Permission denied");
+    EXPECT_EQ(inst->failure().kind, ActionFailure::ExecFailed);
+    ASSERT_TRUE(refreshUntil(ServerStatusStopped));
+    EXPECT_TRUE(refreshUntilReaped(launched));
+    // Whoever asked has it to say in its own words: nothing is logged.
+    EXPECT_EQ(log.count("cannot start " + program + ": Permission denied"), 0u);
+}
+
+TEST_F(ProcessControl, TheRefreshThatSeesAProgramThatCouldNotRunEndLogsWhyOnce) {
+    const std::string program = instDir + "/quendral";
+    writeFile(program, "not a program\n");
+    chmod(program.c_str(), 0644);
+    ASSERT_TRUE(inst->startup());
+    const pid_t launched = inst->pid();
+    ASSERT_TRUE(refreshUntil(ServerStatusStopped));
+    EXPECT_TRUE(refreshUntilReaped(launched));
+    inst->refresh();
+    EXPECT_EQ(log.count("cannot start " + program + ": Permission denied"), 1u);
+    EXPECT_EQ(inst->failure().kind, ActionFailure::ExecFailed);
+}
+
+TEST_F(ProcessControl, AServerThatRunsSaysNothingOfItsLaunch) {
+    ASSERT_TRUE(inst->startup());
+    EXPECT_EQ(inst->launchFailure(5000), "");
+    ASSERT_TRUE(refreshUntil(ServerStatusRunning));
+    EXPECT_EQ(inst->failure().kind, ActionFailure::None);
+}
+
+TEST_F(ProcessControl, StartupAndShutdownSayWhyTheyDidNothing) {
+    EXPECT_FALSE(inst->shutdown());
+    EXPECT_EQ(inst->failure().kind, ActionFailure::NotRunning);
+    EXPECT_EQ(inst->failure().text, "");
+
+    ChildProcess server;
+    writeLockFile(lck, server.pid());
+    EXPECT_FALSE(inst->startup());
+    EXPECT_EQ(inst->failure().kind, ActionFailure::NotStopped);
+    EXPECT_EQ(inst->failure().text, "");
+
+    std::filesystem::remove(lck);
+    std::filesystem::remove(instDir + "/quendral.ini");
+    QuendralInstance gone(instDir);
+    EXPECT_FALSE(gone.startup());
+    EXPECT_EQ(gone.failure().kind, ActionFailure::Removed);
+}
+
+TEST_F(ProcessControl, WithoutAProgramThatMayBeStartedTheStartSaysSo) {
+    std::filesystem::remove(home / "bin/quendral");
+    ScopedEnv path("PATH", home / "bin");
+    EXPECT_FALSE(inst->startup());
+    EXPECT_EQ(inst->failure().kind, ActionFailure::NoExecutable);
+    EXPECT_EQ(log.count("quendral executable not found"), 1u);
+}
+
 TEST_F(ProcessControl, ChildThatCannotEnterItsDirectoryExitsAtOnceWithStatusOne) {
     const int32_t pid =
         inst->launchExecutable(home / "bin/quendral", {"quendral", "-f"}, home / "no/such/dir");
@@ -262,6 +324,10 @@ TEST_F(ProcessControl, ShutdownThatCannotSignalLogsTheErrnoAndStaysRunning) {
         if (!i.isValid()) _exit(11);
         if (i.shutdown()) _exit(12);
         if (i.serverStatus() != ServerStatusRunning) _exit(13);
+        if (i.failure().kind != ActionFailure::SignalFailed ||
+            i.failure().text !=
+                "cannot terminate " + std::to_string(server.pid()) + ": Operation not permitted")
+            _exit(15);
         if (inner.lines != std::vector<std::string>{"terminate: cannot terminate Instance 'db' "
                                                     "(errno " +
                                                     std::to_string(EPERM) + ")"})

@@ -250,12 +250,12 @@ TEST_F(QuendralctlVerbs, AFailedStartShowsOnlyWhatItWroteToTheLog) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(linesOf(r.err).size(), 11u) << r.err;
 
-    // The program can no longer be run: this start wrote nothing, and the
-    // last run's lines are not passed off as its own.
+    // The program can no longer be run: the start says why, in one line,
+    // and the last run's lines are not passed off as its own.
     ASSERT_EQ(chmod(program.c_str(), 0644), 0);
     r = ctl("start --wait 10");
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, failed);
+    EXPECT_EQ(r.err, "quendralctl: database: cannot start " + program + ": Permission denied\n");
 
     // Appended to the same file: only the new lines.
     writeFile(program, "#!/bin/sh\necho 'second run: no data' >> quendral.log\nexit 1\n");
@@ -274,6 +274,18 @@ TEST_F(QuendralctlVerbs, AFailedStartShowsOnlyWhatItWroteToTheLog) {
     writeFile(program, "#!/bin/sh\n: > quendral.log\necho 'fourth' >> quendral.log\nexit 1\n");
     r = ctl("start --wait 10");
     EXPECT_EQ(r.err, failed + "fourth\n");
+}
+
+TEST_F(QuendralctlVerbs, AStartWhoseProgramCannotBeRunSaysWhyAtOnceWithoutAWait) {
+    const std::string dir = brokenInstance("database", false);
+    const std::string program = dir + "/quendral";
+    ASSERT_EQ(chmod(program.c_str(), 0644), 0);
+    const CtlResult r = ctl("start");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "") << "not reported as starting";
+    EXPECT_EQ(r.err, "quendralctl: database: cannot start " + program + ": Permission denied\n");
+    // The next start is free to try again: nothing is left starting.
+    EXPECT_EQ(ctl("start").status, 1);
 }
 
 TEST_F(QuendralctlVerbs, LogPrintsTheLastLines) {

@@ -111,16 +111,16 @@ TEST_F(Menu, TitlesFollowTheServerStatus) {
     ASSERT_NE(item, nullptr);
     QuendralInstance &inst = *item->representedObject();
     const struct {
-        int32_t status;
+        ServerStatus status;
         const char *title;
         bool enabled;
     } rows[] = {{ServerStatusStopped, "Start Instance 'demo'", true},
                 {ServerStatusStarting, "Instance 'demo': Starting", false},
                 {ServerStatusRunning, "Stop Instance 'demo'", true},
                 {ServerStatusStopping, "Instance 'demo': Stopping", false},
-                {0, "Instance 'demo': Unknown", false},
-                {5, "Instance 'demo': Unknown", false},
-                {-1, "Instance 'demo': Unknown", false}};
+                {ServerStatusUnknown, "Instance 'demo': Unknown", false},
+                {static_cast<ServerStatus>(5), "Instance 'demo': Unknown", false},
+                {static_cast<ServerStatus>(-1), "Instance 'demo': Unknown", false}};
     for (const auto &row : rows) {
         inst.setStatus(row.status);
         app->updateMenuItem(item, inst);

@@ -1,6 +1,6 @@
 #include "LoginItems.h"
 
-#include "BoundedRead.h"
+#include "SystemIo.h"
 #include "PathUtil.h"
 
 #include <algorithm>
@@ -158,20 +158,12 @@ std::optional<std::string> pathFromFileUrl(const std::string &url) {
 }
 
 std::string applicationPath() {
-    char buf[PATH_MAX];
-    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0) return "";
-    return std::string(buf, static_cast<size_t>(n));
+    return sys::ownExecutablePath();
 }
 
 std::unique_ptr<LoginItemList> LoginItemList::create() {
-    std::string config;
-    if (const char *xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg == '/')
-        config = xdg;
-    else if (const char *home = std::getenv("HOME"); home && *home)
-        config = path::append(home, ".config");
-    else
-        return nullptr;
+    const std::string config = sys::configHome();
+    if (config.empty()) return nullptr;
     return create(path::append(config, "autostart"));
 }
 

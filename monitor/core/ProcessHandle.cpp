@@ -1,4 +1,5 @@
 #include "ProcessHandle.h"
+#include "SystemIo.h"
 
 #include <cerrno>
 #include <csignal>
@@ -54,20 +55,12 @@ int pidfdSendSignal(int fd, int sig) {
 bool readProcFile(pid_t pid, const char *name, char *buf, size_t size) {
     char path[48];
     (void)std::snprintf(path, sizeof path, "/proc/%d/%s", static_cast<int>(pid), name);
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    ssize_t n;
-    do n = read(fd, buf, size - 1);
-    while (n < 0 && errno == EINTR);
-    ::close(fd);
-    if (n <= 0) return false;
-    buf[n] = '\0';
-    return true;
+    return sys::readWholeSmall(path, buf, size);
 }
 
 } // namespace
 
-// Fields 3 (state) and 22 (start time) of /proc/PID/stat. The command name
+// Fields 3 (state), 4 (parent) and 22 (start time) of /proc/PID/stat. The command name
 // (field 2) may hold blanks and parentheses, so the fields are counted from
 // the last ')'.
 std::optional<ProcessStat> readProcessStat(pid_t pid) {
@@ -81,6 +74,7 @@ std::optional<ProcessStat> readProcessStat(pid_t pid) {
     for (int field = 3; field < 22; field++) {
         while (*p == ' ') p++;
         if (field == 3) stat.state = *p;
+        if (field == 4) stat.parent = static_cast<pid_t>(std::strtol(p, nullptr, 10));
         while (*p && *p != ' ') p++;
         if (!*p) return std::nullopt;
     }
@@ -214,9 +208,7 @@ bool ProcessHandle::alive() const {
         // A pidfd turns readable when its process ends, before anyone
         // collects it: so a zombie is seen as ended with one system call.
         pollfd p{fd_, POLLIN, 0};
-        int r;
-        do r = poll(&p, 1, 0);
-        while (r < 0 && errno == EINTR);
+        const int r = sys::retryOnInterrupt([&] { return poll(&p, 1, 0); });
         return r == 0;
     }
     // Without a pidfd the pid alone answers; /proc then tells a zombie,

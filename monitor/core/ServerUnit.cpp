@@ -1,4 +1,5 @@
 #include "ServerUnit.h"
+#include "SystemIo.h"
 
 #include "UserBus.h"
 
@@ -53,9 +54,7 @@ std::string unitOfProcess(pid_t pid) {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return "";
     char buf[4096];
-    ssize_t n;
-    do n = read(fd, buf, sizeof buf - 1);
-    while (n < 0 && errno == EINTR);
+    const ssize_t n = sys::retryOnInterrupt([&] { return read(fd, buf, sizeof buf - 1); });
     close(fd);
     if (n <= 0) return "";
     buf[n] = '\0';

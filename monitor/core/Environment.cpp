@@ -1,4 +1,5 @@
 #include "Environment.h"
+#include "SystemIo.h"
 
 #include "Log.h"
 #include "PathUtil.h"
@@ -85,14 +86,10 @@ std::string setupGlobalEnvironment(QuendralManager &manager, const std::string &
 }
 
 std::string defaultBundlePath() {
-    char buf[PATH_MAX];
-    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0) return "/";
-    buf[n] = '\0';
-    const std::string exe(buf);
-    const std::string binDir = exe.substr(0, exe.rfind('/'));
-    const size_t up = binDir.rfind('/');
-    return up == 0 || up == std::string::npos ? "/" : binDir.substr(0, up);
+    // The program lives in the bundle's bin/; the bundle is the directory above.
+    const std::string exe = sys::ownExecutablePath();
+    if (exe.empty()) return "/";
+    return sys::parentDirectory(sys::parentDirectory(exe));
 }
 
 } // namespace quendral

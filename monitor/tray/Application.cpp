@@ -406,7 +406,8 @@ void Application::menuTimerFired() {
 }
 
 void Application::updateMenuItem(InstanceAction *item, const QuendralInstance &instance) {
-    const char *title;
+    // Any value outside the known ones reads as unknown.
+    const char *title = "%@: Unknown";
     InstanceAction::Kind kind = InstanceAction::Kind::None;
     switch (instance.serverStatus()) {
     case ServerStatusStopped:
@@ -423,8 +424,7 @@ void Application::updateMenuItem(InstanceAction *item, const QuendralInstance &i
     case ServerStatusStopping:
         title = "%@: Stopping";
         break;
-    default:
-        title = "%@: Unknown";
+    case ServerStatusUnknown:
         break;
     }
     const QString shown = itemText(format(title, instance.instanceName()));

@@ -1,4 +1,5 @@
 #include "ServerAtLogin.h"
+#include "SystemIo.h"
 
 #include "PathUtil.h"
 #include "ServerUnit.h"
@@ -25,15 +26,8 @@ constexpr uint64_t kManagerTimeoutUs = 5'000'000;
 // How long the start at login waits for its server before calling it failed.
 constexpr int kStartWaitSeconds = 120;
 
-std::string configHome() {
-    if (const char *xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg == '/') return xdg;
-    if (const char *home = std::getenv("HOME"); home && *home)
-        return std::string(home) + "/.config";
-    return "";
-}
-
 std::string unitDirectory() {
-    const std::string config = configHome();
+    const std::string config = sys::configHome();
     return config.empty() ? "" : config + "/systemd/user";
 }
 
@@ -97,14 +91,7 @@ bool writeWhole(const std::string &path, const std::string &text, std::string &e
         error = temp + ": " + std::strerror(errno);
         return false;
     }
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<size_t>(n);
-    }
-    const int err = done == text.size() ? 0 : errno;
+    const int err = sys::writeAll(fd, text.data(), text.size()) ? 0 : errno;
     if (close(fd) != 0 || err != 0 || rename(temp.c_str(), path.c_str()) != 0) {
         error = path + ": " + std::strerror(err ? err : errno);
         unlink(temp.c_str());
@@ -196,7 +183,7 @@ std::string loginUnitFile(const std::string &directory) {
 }
 
 std::string loginAutostartEntry(const std::string &directory) {
-    const std::string config = configHome();
+    const std::string config = sys::configHome();
     return config.empty() ? ""
                           : config + "/autostart/quendral-server-" +
                                 escapeUnitPath(absoluteDirectory(directory)) + ".desktop";

@@ -1,4 +1,5 @@
 #include "PathUtil.h"
+#include "SystemIo.h"
 
 #include <climits>
 #include <cstdlib>
@@ -32,16 +33,10 @@ bool isAbsolute(const std::string &p) {
     return !p.empty() && p[0] == '/';
 }
 
-static std::string homeDirectory() {
-    if (const char *h = std::getenv("HOME"); h && *h) return h;
-    if (const passwd *pw = getpwuid(getuid()); pw && pw->pw_dir) return pw->pw_dir;
-    return "/";
-}
-
 std::string standardize(const std::string &input) {
     std::string p = input;
     if (!p.empty() && p[0] == '~' && (p.size() == 1 || p[1] == '/'))
-        p = homeDirectory() + p.substr(1);
+        p = (sys::homeDirectory().empty() ? std::string("/") : sys::homeDirectory()) + p.substr(1);
     const bool absolute = isAbsolute(p);
     // Components are views into p: this runs for every instance at every
     // scan, and copying each component cost more than the rest.
@@ -76,15 +71,14 @@ std::string standardize(const std::string &input) {
 
 std::string resolveSymlinks(const std::string &p) {
     if (p.empty()) return p;
-    char buf[PATH_MAX];
-    if (realpath(p.c_str(), buf)) return buf;
+    if (std::string whole = sys::realPath(p); !whole.empty()) return whole;
     // Resolve the longest prefix that exists and keep the rest as given.
     size_t cut = p.size();
     while (true) {
         cut = p.rfind('/', cut - 1);
         if (cut == std::string::npos || cut == 0) break;
-        const std::string head = p.substr(0, cut);
-        if (realpath(head.c_str(), buf)) return append(buf, p.substr(cut + 1));
+        if (const std::string head = sys::realPath(p.substr(0, cut)); !head.empty())
+            return append(head, p.substr(cut + 1));
     }
     return p;
 }

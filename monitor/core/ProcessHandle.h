@@ -19,6 +19,7 @@ namespace quendral {
 // say (no such process, no /proc, or /proc hiding another user's processes).
 struct ProcessStat {
     char state = 0;
+    pid_t parent = 0;
     unsigned long long startTicks = 0;
 };
 std::optional<ProcessStat> readProcessStat(pid_t pid);

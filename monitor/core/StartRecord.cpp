@@ -1,4 +1,5 @@
 #include "StartRecord.h"
+#include "SystemIo.h"
 
 #include "Log.h"
 #include "ProcessHandle.h"
@@ -74,8 +75,7 @@ std::optional<LaunchedProcess> readRecordFd(int fd) {
     char buf[64];
     ssize_t n = -1;
     if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        do n = pread(fd, buf, sizeof buf - 1, 0);
-        while (n < 0 && errno == EINTR);
+        n = sys::retryOnInterrupt([&] { return pread(fd, buf, sizeof buf - 1, 0); });
     }
     if (n <= 0) return std::nullopt;
     buf[n] = '\0';
@@ -207,9 +207,7 @@ std::string readSmallFile(const std::string &path) {
     const int fd = openRecord(path, O_RDONLY);
     if (fd < 0) return {};
     char buf[128];
-    ssize_t n;
-    do n = read(fd, buf, sizeof buf);
-    while (n < 0 && errno == EINTR);
+    const ssize_t n = sys::retryOnInterrupt([&] { return read(fd, buf, sizeof buf); });
     close(fd);
     return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
 }
@@ -225,9 +223,7 @@ void rememberLockWriter(const LockFileVersion &file, const LaunchedProcess &writ
     const std::string temp = path + "." + std::to_string(getpid());
     const int fd = openRecord(temp, O_WRONLY | O_CREAT | O_TRUNC);
     if (fd < 0) return;
-    ssize_t n;
-    do n = write(fd, text.data(), text.size());
-    while (n < 0 && errno == EINTR);
+    const ssize_t n = sys::retryOnInterrupt([&] { return write(fd, text.data(), text.size()); });
     const bool ok = close(fd) == 0 && n == static_cast<ssize_t>(text.size());
     if (!ok || rename(temp.c_str(), path.c_str()) != 0) unlink(temp.c_str());
 }
@@ -280,7 +276,7 @@ void StartLock::sweepVoidRecords() const {
     // Records of starts that concluded where no front end saw them conclude
     // (a server that ran and ended unobserved, an instance directory that
     // was removed) are void; a start is rare enough to tidy them up here.
-    const std::string dir = recordPath_.substr(0, recordPath_.rfind('/'));
+    const std::string dir = sys::parentDirectory(recordPath_);
     DIR *d = opendir(dir.c_str());
     if (!d) return;
     const std::string own = recordPath_.substr(dir.size() + 1);
@@ -316,9 +312,8 @@ std::optional<LaunchedProcess> StartLock::record(pid_t pid) {
     char text[48];
     const int len = std::snprintf(text, sizeof text, "%20ld %20llu\n", static_cast<long>(pid),
                                   stat->startTicks);
-    ssize_t n;
-    do n = pwrite(fd_, text, static_cast<size_t>(len), 0);
-    while (n < 0 && errno == EINTR);
+    const ssize_t n =
+        sys::retryOnInterrupt([&] { return pwrite(fd_, text, static_cast<size_t>(len), 0); });
     if (n != len) {
         logMessage("cannot record the start of %@: %@",
                    {recordPath_, n < 0 ? std::strerror(errno) : "short write"});

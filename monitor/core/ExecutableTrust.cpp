@@ -1,4 +1,5 @@
 #include "ExecutableTrust.h"
+#include "SystemIo.h"
 
 #include "Log.h"
 #include "PathUtil.h"
@@ -20,16 +21,8 @@ bool writableByOthers(const struct stat &st) {
     return (st.st_mode & (S_IWGRP | S_IWOTH)) != 0;
 }
 
-std::string realPath(const std::string &p) {
-    char buf[PATH_MAX];
-    return realpath(p.c_str(), buf) ? std::string(buf) : std::string();
-}
-
-std::string parentOf(const std::string &p) {
-    const size_t slash = p.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : p.substr(0, slash);
-}
+using sys::parentDirectory;
+using sys::realPath;
 
 // The directory that holds a trusted file: ours or root's, and writable by
 // no one else unless sticky.
@@ -51,11 +44,11 @@ std::optional<std::string> whyUntrusted(const std::string &path) {
     if (stat(real.c_str(), &st) != 0) return std::string("it cannot be examined");
     if (!ownedByUsOrRoot(st)) return std::string("it belongs to another user");
     if (writableByOthers(st)) return std::string("it is writable by group or others");
-    if (auto why = whyDirectoryUntrusted(parentOf(real))) return why;
+    if (auto why = whyDirectoryUntrusted(parentDirectory(real))) return why;
     // A link is only as safe as the directory it stands in: whoever may
     // write there may point it elsewhere.
-    const std::string linkDir = realPath(parentOf(path));
-    if (!linkDir.empty() && linkDir != parentOf(real)) return whyDirectoryUntrusted(linkDir);
+    const std::string linkDir = realPath(parentDirectory(path));
+    if (!linkDir.empty() && linkDir != parentDirectory(real)) return whyDirectoryUntrusted(linkDir);
     return std::nullopt;
 }
 

@@ -44,11 +44,20 @@
 // the manager's list: changed, unchanged, or removed (the configuration file
 // is gone or not a regular file while no server runs).
 //
+// Rooms: the configuration is read by InstanceConfig.h, the lock file by
+// LockFile.h (which also decides whom it speaks for), the server is found and
+// launched by ServerLauncher.h, and the start lock and records are
+// StartRecord.h; this class keeps the status lifecycle and the operations.
+//
 // Every operation runs on one thread; the class takes no locks. Failures are
-// return values plus one line in the log (Log.h), never exceptions.
+// return values plus one line in the log (Log.h), never exceptions; startup
+// and shutdown also say why they did nothing (failure()).
 #pragma once
 
+#include "InstanceConfig.h"
+#include "LockFile.h"
 #include "ProcessHandle.h"
+#include "ServerLauncher.h"
 #include "StartRecord.h"
 
 #include <cstdint>
@@ -57,8 +66,9 @@
 #include <string>
 #include <vector>
 
-// Server status of an instance.
-enum : int32_t {
+// Server status of an instance. A named type, so that a switch that misses
+// a value is a compiler warning; 32 bits, as the values are shared.
+enum ServerStatus : int32_t {
     ServerStatusUnknown = 0,  // made, never refreshed
     ServerStatusStopped = 1,  // no live server process
     ServerStatusStarting = 2, // launched by us, not yet confirmed by the lock file
@@ -67,11 +77,36 @@ enum : int32_t {
 };
 
 // Outcome of the last refresh for the instance's place in the manager's list.
-enum : int32_t {
+enum EntryStatus : int32_t {
     EntryStatusUnchanged = 0,
     EntryStatusNew = 1,
     EntryStatusChanged = 2,
     EntryStatusRemoved = 3, // configuration gone or unusable: the manager drops it
+};
+
+// The status as one lower-case word ("stopped", "running", …), for output
+// that scripts read.
+const char *statusWord(ServerStatus status);
+
+// Why startup() or shutdown() did nothing or failed, for the user.
+struct ActionFailure {
+    enum Kind {
+        None,
+        Removed,           // the configuration is gone: no instance to act on
+        NotStopped,        // startup: starting, running, stopping or unknown
+        NotRunning,        // shutdown: stopped, starting, stopping or unknown
+        StartBeingDecided, // another front end holds the start lock
+        StartLockFailed,   // the start lock could not be taken (text says why)
+        NoExecutable,      // no server program that may be started
+        ForkFailed,        // text: "cannot start <program>: <strerror>"
+        ExecFailed,        // the launched child could not run the program
+        SignalFailed,      // text: "cannot terminate <pid>: <strerror>"
+    };
+    Kind kind = None;
+    // In a few words: "it is already starting", "cannot start
+    // /opt/q/bin/quendral: Permission denied". Empty where the status says
+    // it all (NotStopped or NotRunning for a settled status).
+    std::string text;
 };
 
 class QuendralInstance {
@@ -89,10 +124,10 @@ class QuendralInstance {
     std::string displayName() const { return _displayName; }
     // Whether the display name is exactly "database".
     bool isDefault() const { return _isDefault; }
-    // One of ServerStatus*, as of the last refresh, startup or shutdown.
-    int32_t serverStatus() const { return _serverStatus; }
-    // One of EntryStatus*, as of the last refresh.
-    int32_t entryStatus() const { return _entryStatus; }
+    // As of the last refresh, startup or shutdown.
+    ServerStatus serverStatus() const { return _serverStatus; }
+    // As of the last refresh.
+    EntryStatus entryStatus() const { return _entryStatus; }
     // The server's pid as last known; 0 for none. While starting, the
     // launched process; once running, the lock file's live writer.
     int32_t pid() const { return _pid.pid(); }
@@ -138,7 +173,7 @@ class QuendralInstance {
     bool isRunning(int32_t pid);
     // Sets the server status; entry status becomes Changed if it differed,
     // else Unchanged.
-    void setStatus(int32_t status);
+    void setStatus(ServerStatus status);
     // Brings the pid and both statuses up to date from the known server, the
     // lock file and the process table (see the lifecycle above). Logs the
     // stale message for each stale lock file met, "pid value from .lck file
@@ -161,8 +196,9 @@ class QuendralInstance {
     // new session, puts its standard streams on /dev/null and execs
     // `executable` (searched along PATH only when it has no "/") with
     // `options` as its argument vector, argument 0 first; any failure there
-    // ends it with status 1. Returns the child's pid at once (never waits),
-    // 0 when the fork fails. The child is collected later by isRunning.
+    // ends it with status 1, after saying why (launchFailure). Returns the
+    // child's pid at once (never waits), 0 when the fork fails (logged). The
+    // child is collected later by isRunning.
     int32_t launchExecutable(const std::string &executable, const std::vector<std::string> &options,
                              const std::string &directory);
     // Refreshes, then, only if the instance is stopped and not removed,
@@ -181,26 +217,24 @@ class QuendralInstance {
     // (errno %d)" and returns false with the status unchanged. Never sends
     // another signal later.
     bool shutdown();
-    // Why the last startup() or shutdown() did nothing, where the user needs
-    // to know ("it is already starting"); empty otherwise.
-    const std::string &failureReason() const { return _failure; }
+    // Why the last startup() or shutdown() did nothing or failed; kind None
+    // when it did what was asked. A launched program that turned out not to
+    // run is told here too (ExecFailed) once a refresh sees it end.
+    const ActionFailure &failure() const { return _failure; }
+    // failure().text.
+    const std::string &failureReason() const { return _failure.text; }
+    // After a startup() that launched a process: why that process could not
+    // run the server program ("cannot start /x/quendral: Permission
+    // denied"), "" when it runs it, nullopt while that is not known (waiting
+    // at most waitMs; the child needs well under a millisecond once moved
+    // into its unit). A failure is also kept in failure(), kind ExecFailed.
+    std::optional<std::string> launchFailure(int waitMs = 0);
 
-    // Lock files are read only this far: a pid needs a few bytes, and nothing
-    // on disk may make a refresh read without bound.
-    static constexpr size_t kLockFileReadLimit = 4096;
-    // A "quendral.ini" larger than this is not parsed; the default paths apply.
-    static constexpr int64_t kConfigSizeLimit = 1 << 20;
+    static constexpr size_t kLockFileReadLimit = quendral::kLockFileReadLimit;
+    static constexpr int64_t kConfigSizeLimit = quendral::InstanceConfig::kSizeLimit;
 
   private:
-    struct LockFileContent {
-        int32_t pid = 0; // 0: no usable pid
-        // When and by whom the file was last written, and which file it is.
-        quendral::LockFileVersion version;
-        uid_t owner = 0;
-        // The file exists but could not be read for want of resources (no
-        // descriptor left, no memory): nothing can be said of the server.
-        bool unreadable = false;
-    };
+    using LockFileContent = quendral::LockFileContent;
     LockFileContent readLockFile();
     // The one place that decides whether `process` (alive) is the server the
     // lock file speaks for: not PID 1 nor this program; running as the
@@ -216,17 +250,21 @@ class QuendralInstance {
     // record shows in progress. True when the instance is now starting.
     bool adoptRecordedStart();
 
+    void refuse(ActionFailure::Kind kind, std::string text = {});
+
     std::string _path;
+    quendral::InstanceConfig _config;
     std::optional<std::string> _lckFile;
     std::optional<std::string> _logFile;
     // The server as last known, held so that it stays that process.
     quendral::ProcessHandle _pid;
-    std::optional<timespec> _cacheTime;
     bool _isDefault = false;
-    int32_t _entryStatus = EntryStatusNew;
-    int32_t _serverStatus = ServerStatusUnknown;
+    EntryStatus _entryStatus = EntryStatusNew;
+    ServerStatus _serverStatus = ServerStatusUnknown;
     std::string _displayName;
-    std::string _failure;
+    ActionFailure _failure;
+    // What the last launched child says of its own start.
+    quendral::ExecReport _execReport;
     // The launch whose start record this instance made or took up, until
     // that start concludes.
     std::optional<quendral::LaunchedProcess> _launched;

@@ -1,0 +1,291 @@
+#include "QuendralInstance.h"
+
+#include "SystemIo.h"
+#include "Environment.h"
+#include "ExecutableTrust.h"
+#include "Localization.h"
+#include "Log.h"
+#include "PathUtil.h"
+#include "ServerUnit.h"
+#include "StartRecord.h"
+#include "ncfg.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace quendral;
+
+const char *statusWord(ServerStatus status) {
+    switch (status) {
+    case ServerStatusUnknown:
+        return "unknown";
+    case ServerStatusStopped:
+        return "stopped";
+    case ServerStatusStarting:
+        return "starting";
+    case ServerStatusRunning:
+        return "running";
+    case ServerStatusStopping:
+        return "stopping";
+    }
+    return "unknown";
+}
+
+QuendralInstance::QuendralInstance(std::string path)
+    : _path(std::move(path)), _config(_path), _displayName(path::lastComponent(_path)) {
+    _isDefault = _displayName == "database";
+}
+
+std::string QuendralInstance::instanceName() const {
+    if (_isDefault) return localizedString("Default Instance");
+    return fillPlaceholders(localizedString("Instance '%@'"), {_displayName});
+}
+
+std::string QuendralInstance::qualify(const std::optional<std::string> &value,
+                                      const std::string &defaultValue) const {
+    return _config.qualify(value, defaultValue);
+}
+
+bool QuendralInstance::isValid() {
+    if (!_config.check()) return false;
+    _lckFile = _config.lockFile();
+    _logFile = _config.logFile();
+    return true;
+}
+
+std::optional<std::string> QuendralInstance::logFile() {
+    if (!isValid()) return std::nullopt;
+    if (_logFile && path::existsNotDirectory(*_logFile)) return _logFile;
+    return std::nullopt;
+}
+
+int32_t QuendralInstance::pidValueFromLockFile() {
+    return readLockFile().pid;
+}
+
+LockFileContent QuendralInstance::readLockFile() {
+    if (!_lckFile) return {};
+    return quendral::readLockFile(*_lckFile);
+}
+
+bool QuendralInstance::writtenBy(const LockFileContent &lock, const ProcessHandle &process) const {
+    return lockFileWrittenBy(lock, process, _path);
+}
+
+bool QuendralInstance::isRunning(int32_t pid) {
+    if (pid <= 0) return false;
+    // Collect one child that has ended, whichever it is, so servers we
+    // launched do not stay zombies.
+    const pid_t reaped = waitpid(-1, nullptr, WNOHANG);
+    if (reaped == pid) return false;
+    // The known server is asked through its handle: if it ended, a process
+    // that has its pid now is someone else. Another user's process (EPERM)
+    // counts as not running either way.
+    if (pid == _pid.pid()) return _pid.alive();
+    return kill(pid, 0) == 0;
+}
+
+void QuendralInstance::setStatus(ServerStatus status) {
+    if (_serverStatus == ServerStatusStarting && status != ServerStatusStarting && _launched) {
+        // The start has concluded (the server runs, or the launched process
+        // ended): its record has said what it had to say.
+        forgetStartRecord(_path, *_launched);
+        _launched.reset();
+    }
+    if (_serverStatus == ServerStatusStarting && status == ServerStatusStopped) {
+        // The launched process ended without a server: if it never ran the
+        // program, it said why before it went.
+        // Logged here, once: the tray has no other way to tell the user why
+        // the server it launched never ran (quendralctl asks launchFailure
+        // and says it in its own words).
+        const bool known = _failure.kind == ActionFailure::ExecFailed;
+        (void)launchFailure();
+        if (!known && _failure.kind == ActionFailure::ExecFailed) logMessage("%@", {_failure.text});
+        _execReport = ExecReport();
+    }
+    if (status != _serverStatus) {
+        _entryStatus = EntryStatusChanged;
+        _serverStatus = status;
+    } else {
+        _entryStatus = EntryStatusUnchanged;
+    }
+}
+
+void QuendralInstance::logStaleLockFile() const {
+    quendral::logStaleLockFile(_lckFile.value_or(""));
+}
+
+bool QuendralInstance::lockFileConfirmsStart() {
+    const LockFileContent lock = readLockFile();
+    if (lock.pid == 0) return false; // not written yet (or not readable now)
+    if (lock.pid == _pid.pid()) {
+        if (writtenBy(lock, _pid)) return true;
+        // Older than the process we launched: an earlier server's file whose
+        // pid the system has given to ours by chance.
+        logStaleLockFile();
+        return false;
+    }
+    ProcessHandle named(lock.pid);
+    if (!named.alive() || !writtenBy(lock, named)) {
+        // Left by an earlier server; ours has not written its own yet.
+        logStaleLockFile();
+        return false;
+    }
+    // A server that forks: the lock file names the process that serves.
+    logMessage("pid value from .lck file is different (expected %d, got %d)",
+               {std::to_string(_pid.pid()), std::to_string(lock.pid)});
+    _pid = std::move(named);
+    return true;
+}
+
+void QuendralInstance::refresh() {
+    if (_pid.pid() != 0 && isRunning(_pid.pid())) {
+        if (_serverStatus == ServerStatusStopping) return;
+        if (_serverStatus == ServerStatusStarting && !lockFileConfirmsStart()) return;
+        setStatus(ServerStatusRunning);
+        return;
+    }
+    const LockFileContent lock = readLockFile();
+    // Could not look: nothing is known of the server, and unknown is what
+    // the instance says (no one may start it, no one may stop it) until the
+    // file can be read again. Stopped would offer a second server.
+    if (lock.unreadable) {
+        _pid = ProcessHandle();
+        setStatus(ServerStatusUnknown);
+        return;
+    }
+    _pid = ProcessHandle(lock.pid);
+    if (lock.pid != 0) {
+        if (isRunning(lock.pid) && writtenBy(lock, _pid)) {
+            setStatus(ServerStatusRunning);
+            return;
+        }
+        // Its writer has ended; a live process with that pid began later and
+        // is not the server. Forget the pid so it is neither probed as the
+        // server nor signalled.
+        logStaleLockFile();
+        _pid = ProcessHandle();
+    }
+    if (adoptRecordedStart()) return;
+    setStatus(ServerStatusStopped);
+    if (!isValid()) _entryStatus = EntryStatusRemoved;
+}
+
+bool QuendralInstance::adoptRecordedStart() {
+    // No server speaks through the lock file; a server launched by another
+    // front end (or by an earlier run of this one) may still be on its way.
+    const auto launched = liveStartRecord(_path);
+    if (!launched) return false;
+    ProcessHandle handle(launched->pid);
+    // The handle is opened after the record was checked: it must still hold
+    // that very process.
+    if (handle.startTicks() != launched->startTicks || !handle.alive()) return false;
+    _pid = std::move(handle);
+    _launched = launched;
+    // The lock file's path, for the refreshes that follow the start to its
+    // end: an instance that never saw itself stopped has not read it yet.
+    isValid();
+    // A start in progress, whoever made it: the lifecycle goes on from here
+    // as for a start of our own.
+    if (_serverStatus != ServerStatusStarting) setStatus(ServerStatusStarting);
+    return true;
+}
+
+bool QuendralInstance::canStart() const {
+    return access(_path.c_str(), R_OK | W_OK) == 0;
+}
+
+std::string QuendralInstance::findExecutable() const {
+    return findServerExecutable(_path);
+}
+
+int32_t QuendralInstance::launchExecutable(const std::string &executable,
+                                           const std::vector<std::string> &options,
+                                           const std::string &directory) {
+    Launch launch = launchServer(executable, options, directory);
+    _unit = launch.unit;
+    _execReport = std::move(launch.report);
+    if (launch.pid == 0)
+        _failure = {ActionFailure::ForkFailed,
+                    "cannot start " + executable + ": " + std::strerror(launch.forkError)};
+    return launch.pid;
+}
+
+void QuendralInstance::refuse(ActionFailure::Kind kind, std::string text) {
+    _failure = {kind, std::move(text)};
+}
+
+std::optional<std::string> QuendralInstance::launchFailure(int waitMs) {
+    const auto why = _execReport.failure(waitMs);
+    if (why && !why->empty()) _failure = {ActionFailure::ExecFailed, *why};
+    return why;
+}
+
+bool QuendralInstance::startup() {
+    _failure = {};
+    // The check that the instance is stopped and the launch are one step
+    // for every front end of the user: both happen under the instance's
+    // start lock, and the launch is recorded before the lock is let go.
+    StartLock lock(_path);
+    if (lock.state() == StartLock::Busy || lock.state() == StartLock::Failed) {
+        refresh();
+        refuse(lock.state() == StartLock::Busy ? ActionFailure::StartBeingDecided
+                                               : ActionFailure::StartLockFailed,
+               lock.error());
+        return false;
+    }
+    if (lock.state() == StartLock::Unavailable)
+        logMessage("start record unavailable: %@", {lock.error()});
+    refresh();
+    if (_entryStatus == EntryStatusRemoved) {
+        refuse(ActionFailure::Removed, "its configuration file is gone");
+        return false;
+    }
+    if (_serverStatus != ServerStatusStopped) {
+        refuse(ActionFailure::NotStopped,
+               _serverStatus == ServerStatusStarting ? "it is already starting" : "");
+        return false;
+    }
+    const std::string executable = resolveServerExecutable(findExecutable(), _path);
+    if (executable.empty()) {
+        logMessage("quendral executable not found");
+        refuse(ActionFailure::NoExecutable, "no quendral program that may be started");
+        return false;
+    }
+    // Held from the fork on, so that neither a refresh nor a stop can ever
+    // take another process for it.
+    _pid = ProcessHandle(launchExecutable(executable, {"quendral", "-f"}, _path));
+    if (_pid.pid() == 0) return false; // launchExecutable said why
+    _launched = lock.record(_pid.pid());
+    setStatus(ServerStatusStarting);
+    return true;
+}
+
+bool QuendralInstance::shutdown() {
+    _failure = {};
+    refresh();
+    if (_serverStatus != ServerStatusRunning) {
+        refuse(ActionFailure::NotRunning,
+               _serverStatus == ServerStatusStarting ? "it is starting" : "");
+        return false;
+    }
+    // Through the handle: the signal reaches the server or nobody.
+    if (const int err = _pid.signal(SIGTERM); err != 0) {
+        logMessage("terminate: cannot terminate %@ (errno %d)",
+                   {instanceName(), std::to_string(err)});
+        refuse(ActionFailure::SignalFailed,
+               "cannot terminate " + std::to_string(_pid.pid()) + ": " + std::strerror(err));
+        return false;
+    }
+    setStatus(ServerStatusStopping);
+    return true;
+}
