@@ -1,13 +1,17 @@
 // What "quendralctl start --wait" and "stop --wait" add to the server's own
 // time, and what "quendralctl status" costs with every detail.
 //
-// The server's own times are measured with the demo server and the same
-// events the tool waits on: launched directly, until inotify reports its
-// lock file; sent SIGTERM directly, until it has exited. The tool is then
-// measured doing the same as a whole process, once woken by the events and
-// once polling every 50 ms as it did before (QUENDRALCTL_TEST_NO_EVENTS=1,
-// QUENDRALCTL_TEST_FALLBACK_POLL_MS=50), all in one run. Medians of every
-// iteration.
+// What a wait adds is measured against the same command without a wait,
+// whose end the benchmark watches itself with the events the tool would
+// use: "start", until inotify reports the server's lock file; "stop", until
+// the server's pidfd reports its end. Both runs pay for starting the tool
+// and for the launch or the signal, so the difference is what waiting adds
+// beyond the server's own time: the wake-up, the last look, the exit. The
+// tool is measured once woken by the events and once polling every 50 ms as
+// it did before (QUENDRALCTL_TEST_NO_EVENTS=1,
+// QUENDRALCTL_TEST_FALLBACK_POLL_MS=50), all in one run. For reference the
+// server's own times are also measured with the benchmark launching and
+// signalling it directly. Medians of every iteration.
 #include "BenchReport.h"
 
 #include <benchmark/benchmark.h>
@@ -28,6 +32,7 @@
 #include <string>
 #include <sys/inotify.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -59,7 +64,7 @@ double median(const char *name) {
 
 // Runs quendralctl with `args` and the extra environment, its output to
 // /dev/null; returns its exit status.
-int ctl(const std::vector<const char *> &args, const std::vector<std::string> &extra = {}) {
+pid_t spawnCtl(const std::vector<const char *> &args, const std::vector<std::string> &extra = {}) {
     std::vector<std::string> env;
     for (char **e = environ; *e; e++) env.emplace_back(*e);
     env.insert(env.end(), extra.begin(), extra.end());
@@ -77,9 +82,42 @@ int ctl(const std::vector<const char *> &args, const std::vector<std::string> &e
     if (posix_spawn(&pid, QUENDRALCTL_PATH, &actions, nullptr, argv.data(), envp.data()) != 0)
         std::abort();
     posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int exitStatusOf(pid_t pid) {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs quendralctl with `args` and the extra environment, its output to
+// /dev/null; returns its exit status.
+int ctl(const std::vector<const char *> &args, const std::vector<std::string> &extra = {}) {
+    return exitStatusOf(spawnCtl(args, extra));
+}
+
+// Reads inotify events until one names the lock file.
+void awaitLockFile(int in) {
+    alignas(inotify_event) char buf[4096];
+    for (bool seen = false; !seen;) {
+        const ssize_t n = read(in, buf, sizeof buf);
+        for (ssize_t at = 0; at < n;) {
+            const auto *e = reinterpret_cast<const inotify_event *>(buf + at);
+            if (e->len && std::strcmp(e->name, "quendral.lck") == 0) seen = true;
+            at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+        }
+    }
+}
+
+pid_t serverPid() {
+    FILE *f = std::fopen((instance + "/quendral.lck").c_str(), "r");
+    long pid = 0;
+    if (f) {
+        if (std::fscanf(f, "%ld", &pid) != 1) pid = 0;
+        std::fclose(f);
+    }
+    return static_cast<pid_t>(pid);
 }
 
 const std::vector<std::string> kPolling = {"QUENDRALCTL_TEST_NO_EVENTS=1",
@@ -102,15 +140,7 @@ pid_t launchDirectly(double &seconds) {
         execl((home + "/bin/quendral").c_str(), "quendral", "-f", static_cast<char *>(nullptr));
         _exit(1);
     }
-    alignas(inotify_event) char buf[4096];
-    for (bool seen = false; !seen;) {
-        const ssize_t n = read(in, buf, sizeof buf);
-        for (ssize_t at = 0; at < n;) {
-            const auto *e = reinterpret_cast<const inotify_event *>(buf + at);
-            if (e->len && std::strcmp(e->name, "quendral.lck") == 0) seen = true;
-            at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
-        }
-    }
+    awaitLockFile(in);
     seconds = since(t);
     close(in);
     return pid;
@@ -155,6 +185,38 @@ void stopWait(benchmark::State &state, const char *name, const std::vector<std::
         const auto t = Clock::now();
         if (ctl({"stop", "--wait", "10"}, env) != 0) state.SkipWithError("stop failed");
         record(state, name, since(t));
+    }
+}
+
+// "start" without a wait, until the lock file is written.
+void BM_StartThenLockFile(benchmark::State &state) {
+    for (auto _ : state) {
+        const int in = inotify_init1(IN_CLOEXEC);
+        inotify_add_watch(in, instance.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO);
+        const auto t = Clock::now();
+        const pid_t tool = spawnCtl({"start"});
+        awaitLockFile(in);
+        record(state, "start plain", since(t));
+        if (exitStatusOf(tool) != 0) state.SkipWithError("start failed");
+        close(in);
+        if (ctl({"stop", "--wait", "10"}) != 0) state.SkipWithError("stop failed");
+    }
+}
+
+// "stop" without a wait, until the server has ended.
+void BM_StopThenExit(benchmark::State &state) {
+    for (auto _ : state) {
+        if (ctl({"start", "--wait", "10"}) != 0) state.SkipWithError("start failed");
+        const int server = static_cast<int>(syscall(SYS_pidfd_open, serverPid(), 0));
+        if (server < 0) state.SkipWithError("no server");
+        const auto t = Clock::now();
+        const pid_t tool = spawnCtl({"stop"});
+        pollfd p{server, POLLIN, 0};
+        poll(&p, 1, 10000);
+        record(state, "stop plain", since(t));
+        if (exitStatusOf(tool) != 0) state.SkipWithError("stop failed");
+        close(server);
+        ctl({"stop", "--wait", "10"});
     }
 }
 
@@ -209,9 +271,11 @@ void BM_EmptyProcess(benchmark::State &state) {
 
 constexpr int kIterations = 60;
 BENCHMARK(BM_ServerWritesItsLockFile)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StartThenLockFile)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StartWaitEvents)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StartWaitPolling)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_ServerExits)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StopThenExit)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StopWaitEvents)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StopWaitPolling)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StatusOfARunningServer)->UseManualTime()->Iterations(200);
@@ -242,19 +306,26 @@ int main(int argc, char **argv) {
     if (!ran) return 2;
 
     const double serverStart = median("server start"), serverStop = median("server stop");
-    const double startEvents = median("start events") - serverStart;
-    const double startPolling = median("start polling") - serverStart;
-    const double stopEvents = median("stop events") - serverStop;
-    const double stopPolling = median("stop polling") - serverStop;
+    const double startPlain = median("start plain"), stopPlain = median("stop plain");
+    const double startEvents = median("start events") - startPlain;
+    const double startPolling = median("start polling") - startPlain;
+    const double stopEvents = median("stop events") - stopPlain;
+    const double stopPolling = median("stop polling") - stopPlain;
     const double empty = median("empty process"), status = median("status");
     std::printf("\nWaiting, medians of %d runs each, in this run:\n", kIterations);
-    std::printf("  server's own start (lock file written): %.2f ms, own stop (exited): %.2f ms\n",
-                serverStart * 1e3, serverStop * 1e3);
-    std::printf("  start --wait adds %.2f ms (events), %.2f ms (polling every 50 ms)\n",
-                startEvents * 1e3, startPolling * 1e3);
-    std::printf("  stop --wait adds  %.2f ms (events), %.2f ms (polling every 50 ms)\n",
-                stopEvents * 1e3, stopPolling * 1e3);
-    std::printf("  of which starting a process at all: %.2f ms (an empty one)\n", empty * 1e3);
+    std::printf("  start without a wait until the lock file is written: %.2f ms "
+                "(the server launched directly: %.2f ms)\n",
+                startPlain * 1e3, serverStart * 1e3);
+    std::printf("  stop without a wait until the server has ended: %.2f ms "
+                "(the server signalled directly: %.2f ms)\n",
+                stopPlain * 1e3, serverStop * 1e3);
+    std::printf("  start --wait: %.2f ms as a whole, adds %.2f ms (events), %.2f ms (polling "
+                "every 50 ms)\n",
+                median("start events") * 1e3, startEvents * 1e3, startPolling * 1e3);
+    std::printf("  stop --wait:  %.2f ms as a whole, adds %.2f ms (events), %.2f ms (polling "
+                "every 50 ms)\n",
+                median("stop events") * 1e3, stopEvents * 1e3, stopPolling * 1e3);
+    std::printf("  starting a process at all: %.2f ms (an empty one)\n", empty * 1e3);
     std::printf("  status of a running server, every detail: %.2f ms\n", status * 1e3);
     bench::printRatio("start --wait added: events vs polling", startEvents / startPolling, 0,
                       false);

@@ -42,21 +42,22 @@ bool readableNow(int fd) {
 
 WaitEvents::WaitEvents()
     : events_(envNumber("QUENDRALCTL_TEST_NO_EVENTS", 0) == 0),
-      fallback_(envNumber("QUENDRALCTL_TEST_FALLBACK_POLL_MS", 1000)) {
-    // Without inotify (none left for this user) the lock files are polled.
-    if (events_) inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-}
+      fallback_(envNumber("QUENDRALCTL_TEST_FALLBACK_POLL_MS", 1000)) {}
 
 WaitEvents::~WaitEvents() {
     if (inotify_ < 0) return;
-    // Letting go of an inotify instance that has held watches waits until
-    // the kernel has retired them (a grace period of its own: 10 to 20 ms
-    // measured here), and so does a process's exit that lets go of it. A
-    // script waiting for this tool would wait that long for nothing. So the
-    // last reference goes to a child of ours that nobody waits for: it keeps
-    // nothing else open, lets go after we have, and ends.
+    // Letting go of an inotify instance waits for the kernel's retiring of
+    // inotify watches, which is shared by the whole system: after any
+    // process let go of one that held watches (our own previous run, in a
+    // script), even an instance that never held one waits 10 to 20 ms here,
+    // and so does a process's exit that lets go of it. A script waiting for
+    // this tool would wait that long for nothing. So the last reference goes
+    // to a child of ours that nobody waits for: it keeps nothing else open,
+    // lets go after we have, and ends. (And none is made until something is
+    // to be watched: a wait that finds everything settled at its first look
+    // never pays for one.)
     int gate[2];
-    if (lockNames_.empty() || pipe2(gate, O_CLOEXEC) != 0) {
+    if (pipe2(gate, O_CLOEXEC) != 0) {
         close(inotify_);
         return;
     }
@@ -72,12 +73,24 @@ WaitEvents::~WaitEvents() {
         _exit(0);
     }
     close(gate[0]);
+    if (child < 0) {
+        close(gate[1]);
+        close(inotify_);
+        return;
+    }
     close(inotify_); // not the last reference while the child holds one
     close(gate[1]);  // which lets the child go on
 }
 
 void WaitEvents::watch(const QuendralInstance &instance) {
-    if (inotify_ < 0 || !instance.lockFile()) return;
+    if (!events_ || !instance.lockFile()) return;
+    // Made on the first watch: without inotify (none left for this user)
+    // the lock files are polled, and it is not tried again.
+    if (!inotifyTried_) {
+        inotifyTried_ = true;
+        inotify_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    }
+    if (inotify_ < 0) return;
     const std::string &lock = *instance.lockFile();
     const size_t slash = lock.rfind('/');
     if (slash == std::string::npos) return;

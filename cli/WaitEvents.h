@@ -54,6 +54,7 @@ class WaitEvents {
     bool drainNotifications();
 
     int inotify_ = -1;
+    bool inotifyTried_ = false;
     bool events_ = true;
     std::chrono::milliseconds fallback_{1000};
     std::set<std::string> watchedLockFiles_;
