@@ -1,5 +1,8 @@
 #include "LoginItems.h"
 
+#include "DesktopEntry.h"
+#include "Log.h"
+
 #include "SystemIo.h"
 #include "PathUtil.h"
 
@@ -23,139 +26,20 @@ constexpr const char *kEntryName = "quendral-monitor.desktop";
 // we need to read to the end.
 constexpr size_t kEntryReadLimit = size_t{64} * 1024;
 
-bool unreserved(unsigned char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '.' || c == '_' || c == '~' || c == '/';
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
-// A desktop-entry string value with its escapes (\s \n \t \r \\) undone.
-std::string unescapeValue(const std::string &v) {
-    std::string out;
-    for (size_t i = 0; i < v.size(); i++) {
-        if (v[i] != '\\' || i + 1 == v.size()) {
-            out += v[i];
-            continue;
-        }
-        switch (v[++i]) {
-        case 's':
-            out += ' ';
-            break;
-        case 'n':
-            out += '\n';
-            break;
-        case 't':
-            out += '\t';
-            break;
-        case 'r':
-            out += '\r';
-            break;
-        default:
-            out += v[i];
-            break;
-        }
-    }
-    return out;
-}
-
-// The program of an Exec line: its first argument, quoted or not, with
-// "%%" read as "%".
-std::string execProgram(const std::string &exec) {
-    std::string prog;
-    size_t i = exec.find_first_not_of(" \t");
-    if (i == std::string::npos) return prog;
-    if (exec[i] == '"') {
-        for (i++; i < exec.size() && exec[i] != '"'; i++) {
-            if (exec[i] == '\\' && i + 1 < exec.size()) i++;
-            prog += exec[i];
-        }
-    } else {
-        for (; i < exec.size() && exec[i] != ' ' && exec[i] != '\t'; i++) prog += exec[i];
-    }
-    std::string out;
-    for (size_t k = 0; k < prog.size(); k++) {
-        out += prog[k];
-        if (prog[k] == '%' && k + 1 < prog.size() && prog[k + 1] == '%') k++;
-    }
-    return out;
-}
-
-// The program path as an Exec value: quoted when it holds any character the
-// Exec rules reserve, "%" doubled, then escaped as a desktop-entry string.
-std::string execValue(const std::string &path) {
-    const bool quote = path.find_first_of(" \t\n\"'\\><~|&;$*?#()`") != std::string::npos;
-    std::string exec = quote ? "\"" : "";
-    for (char c : path) {
-        if (quote && (c == '"' || c == '`' || c == '$' || c == '\\')) exec += '\\';
-        if (c == '%') exec += '%';
-        exec += c;
-    }
-    if (quote) exec += '"';
-    std::string value;
-    for (char c : exec) {
-        if (c == '\\')
-            value += "\\\\";
-        else if (c == '\n')
-            value += "\\n";
-        else if (c == '\r')
-            value += "\\r";
-        else
-            value += c;
-    }
-    return value;
-}
-
+// False with errno set when the file could not be written whole (and then
+// it is not left half written).
 bool writeNewFile(const std::string &path, const std::string &text) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) return false;
-    bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    ok = close(fd) == 0 && ok;
-    if (!ok) unlink(path.c_str());
-    return ok;
+    int err = sys::writeAll(fd, text.data(), text.size()) ? 0 : errno;
+    if (close(fd) != 0 && err == 0) err = errno;
+    if (err == 0) return true;
+    unlink(path.c_str());
+    errno = err;
+    return false;
 }
 
 } // namespace
-
-std::string fileUrl(const std::string &path) {
-    static const char hex[] = "0123456789ABCDEF";
-    std::string url = "file://";
-    for (unsigned char c : path) {
-        if (unreserved(c)) {
-            url += static_cast<char>(c);
-        } else {
-            url += '%';
-            url += hex[c >> 4];
-            url += hex[c & 15];
-        }
-    }
-    return url;
-}
-
-std::optional<std::string> pathFromFileUrl(const std::string &url) {
-    constexpr std::string_view scheme = "file://";
-    if (url.compare(0, scheme.size(), scheme) != 0 || url.size() == scheme.size() ||
-        url[scheme.size()] != '/')
-        return std::nullopt;
-    std::string path;
-    for (size_t i = scheme.size(); i < url.size(); i++) {
-        if (url[i] != '%') {
-            path += url[i];
-            continue;
-        }
-        if (i + 2 >= url.size()) return std::nullopt;
-        const int hi = hexValue(url[i + 1]), lo = hexValue(url[i + 2]);
-        if (hi < 0 || lo < 0) return std::nullopt;
-        path += static_cast<char>(hi * 16 + lo);
-        i += 2;
-    }
-    return path;
-}
 
 std::string applicationPath() {
     return sys::ownExecutablePath();
@@ -200,30 +84,9 @@ std::vector<LoginItemList::Item> LoginItemList::snapshot() const {
 std::optional<std::string> LoginItemList::resolve(const Item &item) const {
     const BoundedRead entry = readBounded(item.file, kEntryReadLimit);
     if (entry.status != BoundedRead::Ok || !entry.complete) return std::nullopt;
-    const std::string *text = &entry.text;
-    std::string exec;
-    bool inEntry = false, hidden = false;
-    size_t start = 0;
-    while (start < text->size()) {
-        size_t end = text->find('\n', start);
-        if (end == std::string::npos) end = text->size();
-        std::string line = text->substr(start, end - start);
-        start = end + 1;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (!line.empty() && line[0] == '[') {
-            inEntry = line == "[Desktop Entry]";
-            continue;
-        }
-        if (!inEntry) continue;
-        const size_t eq = line.find('=');
-        if (eq == std::string::npos) continue;
-        std::string key = line.substr(0, eq);
-        while (!key.empty() && key.back() == ' ') key.pop_back();
-        const size_t v = line.find_first_not_of(' ', eq + 1);
-        const std::string value = v == std::string::npos ? "" : line.substr(v);
-        if (key == "Exec") exec = unescapeValue(value);
-        if (key == "Hidden") hidden = value == "true";
-    }
+    const DesktopEntryFields fields = parseDesktopEntry(entry.text);
+    const std::string &exec = fields.exec;
+    const bool hidden = fields.hidden;
     if (hidden || exec.empty()) return std::nullopt;
     const std::string program = execProgram(exec);
     struct stat st;
@@ -235,7 +98,10 @@ std::optional<std::string> LoginItemList::resolve(const Item &item) const {
 
 bool LoginItemList::insertItemURLBeforeFirst(const std::string &url) {
     const std::optional<std::string> program = pathFromFileUrl(url);
-    if (!program) return false;
+    if (!program) {
+        errno = EINVAL;
+        return false;
+    }
     mkdir(_dir.c_str(), 0700); // the parent is the user's config directory
     const std::vector<Item> items = snapshot();
     const std::string first = items.empty() ? "" : path::lastComponent(items.front().file);
@@ -267,8 +133,8 @@ bool LoginItemList::insertItemURLBeforeFirst(const std::string &url) {
     return writeNewFile(path::append(_dir, name), text);
 }
 
-void LoginItemList::remove(const Item &item) {
-    unlink(item.file.c_str());
+bool LoginItemList::remove(const Item &item) {
+    return unlink(item.file.c_str()) == 0;
 }
 
 namespace {
@@ -291,10 +157,18 @@ bool willStartAtLogin(const std::string &url) {
 
 void setStartAtLogin(const std::string &url, bool enabled) {
     const auto list = LoginItemList::create();
-    if (!list) return;
+    if (!list) {
+        logMessage("cannot change the login items: the autostart directory cannot be read");
+        return;
+    }
     const std::optional<LoginItemList::Item> match = firstMatch(*list, url);
-    if (enabled && !match) list->insertItemURLBeforeFirst(url);
-    if (!enabled && match) list->remove(*match);
+    // The menu shows the setting as it is at the next opening either way;
+    // a change that did not happen is said here, or it would pass unseen.
+    if (enabled && !match && !list->insertItemURLBeforeFirst(url))
+        logMessage("cannot add the login item to %@: %@",
+                   {list->directory(), std::strerror(errno)});
+    if (!enabled && match && !list->remove(*match))
+        logMessage("cannot remove the login item %@: %@", {match->file, std::strerror(errno)});
 }
 
 } // namespace quendral

@@ -5,18 +5,14 @@
 // its own about the setting.
 #pragma once
 
+#include "FileUrl.h"
+
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace quendral {
-
-// "file://" and the path with every byte outside the unreserved set and "/"
-// percent-encoded; two paths give equal URLs exactly when they are equal.
-std::string fileUrl(const std::string &path);
-// The path of a file URL made by fileUrl, or nothing for any other text.
-std::optional<std::string> pathFromFileUrl(const std::string &url);
 
 // The running program's own file (the identity a login item names).
 std::string applicationPath();
@@ -42,10 +38,10 @@ class LoginItemList {
     // entry must be a regular file of sane size.
     std::optional<std::string> resolve(const Item &item) const;
     // Writes an entry for the program at url that sorts before every other
-    // entry. Returns false when it could not be written.
+    // entry. Returns false (errno set) when it could not be written.
     bool insertItemURLBeforeFirst(const std::string &url);
-    // Deletes the item's entry; the result is not looked at.
-    void remove(const Item &item);
+    // Deletes the item's entry; false (errno set) when it could not.
+    bool remove(const Item &item);
 
     const std::string &directory() const { return _dir; }
 
@@ -57,7 +53,9 @@ class LoginItemList {
 // True when an item of the user's list resolves to exactly url.
 bool willStartAtLogin(const std::string &url);
 // Adds url at the head of the list when absent (enabled), or removes the
-// first item that resolves to it (disabled).
+// first item that resolves to it (disabled). A change that cannot be made is
+// logged ("cannot add the login item to %@: %@", "cannot remove the login
+// item %@: %@").
 void setStartAtLogin(const std::string &url, bool enabled);
 
 } // namespace quendral

@@ -46,8 +46,9 @@ QuendralInstance::QuendralInstance(std::string path)
 }
 
 std::string QuendralInstance::instanceName() const {
-    if (_isDefault) return localizedString("Default Instance");
-    return fillPlaceholders(localizedString("Instance '%@'"), {_displayName});
+    if (_isDefault) return localizedString(QM_TRANSLATE_NOOP("Quendral", "Default Instance"));
+    return fillPlaceholders(localizedString(QM_TRANSLATE_NOOP("Quendral", "Instance '%@'")),
+                            {_displayName});
 }
 
 std::string QuendralInstance::qualify(const std::optional<std::string> &value,

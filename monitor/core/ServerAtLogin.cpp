@@ -1,4 +1,6 @@
 #include "ServerAtLogin.h"
+
+#include "DesktopEntry.h"
 #include "SystemIo.h"
 
 #include "PathUtil.h"
@@ -65,19 +67,6 @@ std::string unitArgument(const std::string &arg) {
         }
     }
     return out + "\"";
-}
-
-// One argument of a desktop entry's Exec, in double quotes. The entry format
-// has escapes for '"', '`', '$', '\\' and '%' inside quotes, but the programs
-// that run autostart entries read them differently (some take a backslash
-// inside quotes literally), so an argument holding one of them, or a control
-// character, is refused rather than written in a form some session would
-// misread: nullopt.
-std::optional<std::string> desktopArgument(const std::string &arg) {
-    for (const unsigned char c : arg)
-        if (c < 0x20 || c == 0x7f || c == '"' || c == '`' || c == '$' || c == '\\' || c == '%')
-            return std::nullopt;
-    return "\"" + arg + "\"";
 }
 
 bool writeWhole(const std::string &path, const std::string &text, std::string &error) {

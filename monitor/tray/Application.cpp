@@ -1,56 +1,30 @@
 #include "Application.h"
 
+#include "ConfirmationAlert.h"
 #include "DBusMenuExporter.h"
 #include "Environment.h"
 #include "Localization.h"
 #include "LoginItems.h"
 #include "Log.h"
 #include "SniItem.h"
+#include "TrayHostWatcher.h"
 #include "TrayIcon.h"
+#include "TrayText.h"
 
 #include <QCoreApplication>
 #include <QCursor>
 #include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusServiceWatcher>
-#include <QDBusVariant>
 #include <QDateTime>
 #include <QDesktopServices>
 #include <QGuiApplication>
 #include <QIcon>
-#include <QLabel>
 #include <QMessageBox>
-#include <QPushButton>
 #include <QUrl>
 
+using tray::format;
+using tray::text;
+
 namespace {
-
-// Every user-visible text goes through the one localisation seam, which the
-// tray points at Qt's translator.
-QString text(const char *english) {
-    return QString::fromStdString(quendral::localizedString(english));
-}
-
-// The localised format with its %@ filled by arg, taken as it is.
-QString format(const char *english, const std::string &arg) {
-    return QString::fromStdString(
-        quendral::fillPlaceholders(quendral::localizedString(english), {arg}));
-}
-
-const QString kWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
-const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
-
-// Whether a StatusNotifierItem host (a panel that draws tray items from
-// D-Bus) has registered with the session's watcher.
-bool statusNotifierHostRegistered(QDBusConnection &bus) {
-    QDBusMessage get = QDBusMessage::createMethodCall(
-        kWatcherService, kWatcherPath, QStringLiteral("org.freedesktop.DBus.Properties"),
-        QStringLiteral("Get"));
-    get << kWatcherService << QStringLiteral("IsStatusNotifierHostRegistered");
-    const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
-    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
-           qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant().toBool();
-}
 
 qint64 now() {
     return QDateTime::currentMSecsSinceEpoch();
@@ -58,42 +32,24 @@ qint64 now() {
 
 } // namespace
 
-InstanceAction::InstanceAction(std::shared_ptr<QuendralInstance> instance, QObject *parent)
-    : QAction(parent), _instance(std::move(instance)) {}
-
 Application::Application(std::string bundlePath) : _bundlePath(std::move(bundlePath)) {
     quendral::setTranslator([](const std::string &key) {
         return QCoreApplication::translate("Quendral", key.c_str()).toStdString();
     });
     _menuUpdateTimer.setInterval(500);
     connect(&_menuUpdateTimer, &QTimer::timeout, this, &Application::menuTimerFired);
-    _noTrayTimer.setSingleShot(true);
-    _noTrayTimer.setInterval(kNoTrayNoticeMs);
-    connect(&_noTrayTimer, &QTimer::timeout, this, &Application::noticeMissingTray);
+    _hostWatcher = new TrayHostWatcher(this);
+    connect(_hostWatcher, &TrayHostWatcher::watcherAppeared, this, &Application::watcherAppeared);
+    connect(_hostWatcher, &TrayHostWatcher::hostDidRegister, this, &Application::hostRegistered);
+    connect(_hostWatcher, &TrayHostWatcher::noTrayTimedOut, this, &Application::noticeMissingTray);
+}
+
+bool Application::noTrayCheckPending() const {
+    return _hostWatcher->noTrayCheckPending();
 }
 
 Application::~Application() {
     quendral::setTranslator({});
-}
-
-QString Application::itemText(const QString &shown) const {
-    QString s = shown;
-    if (qtExportsMenu()) {
-        // The tray host draws the menu from Qt's D-Bus description, in which
-        // "_" marks a mnemonic ("__" is a literal one), and Qt turns the
-        // first "&" of the text into that "_": doubling the first "&" makes
-        // it show as itself. A tab has no meaning there.
-        s.replace(QLatin1Char('_'), QLatin1String("__"));
-        const qsizetype amp = s.indexOf(QLatin1Char('&'));
-        if (amp >= 0) s.insert(amp, QLatin1Char('&'));
-        return s;
-    }
-    // Qt draws the menu, or the monitor's own D-Bus menu describes it from
-    // these texts: "&" is a mnemonic marker (doubling shows it) and a tab the
-    // start of the shortcut column, so a tab in a directory name is shown as
-    // the space it stands for.
-    return s.replace(QLatin1Char('&'), QLatin1String("&&"))
-        .replace(QLatin1Char('\t'), QLatin1Char(' '));
 }
 
 bool Application::hostDrawsMenu() const {
@@ -108,10 +64,6 @@ bool Application::qtExportsMenu() const {
     return _statusItem && _menu && _menu->platformMenu();
 }
 
-QString Application::shownText(const QAction *action) {
-    return action->text().replace(QLatin1String("&&"), QLatin1String("&"));
-}
-
 // --- start-up -------------------------------------------------------------
 
 void Application::applicationDidFinishLaunching() {
@@ -124,38 +76,27 @@ void Application::applicationDidFinishLaunching() {
     // shows the icon is decided once, when it is made. X11 trays take the
     // icon whenever they appear, so there it is made at once; elsewhere
     // (Wayland) only a D-Bus host can show it, and the icon waits for one,
-    // as at login, when the monitor may start before the panel.
-    QDBusConnection bus = QDBusConnection::sessionBus();
+    // as at login, when the monitor may start before the panel. The check
+    // for a missing tray is armed only while no tray has the icon, so a
+    // docked monitor sleeps until the user opens the menu.
     const bool x11 = QGuiApplication::platformName() == QLatin1String("xcb");
-    if (bus.isConnected()) {
-        // A watcher that appears, or comes back with a restarted panel, and
-        // a host that registers with it.
-        auto *watcher = new QDBusServiceWatcher(kWatcherService, bus,
-                                                QDBusServiceWatcher::WatchForRegistration, this);
-        connect(watcher, &QDBusServiceWatcher::serviceRegistered, this,
-                &Application::watcherAppeared);
-        bus.connect(kWatcherService, kWatcherPath, kWatcherService,
-                    QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(hostRegistered()));
-    }
-    // The check for a missing tray is armed only while no tray has the
-    // icon, so a docked monitor sleeps until the user opens the menu.
-    if (x11 || QGuiApplication::platformName() == QLatin1String("wayland")) _noTrayTimer.start();
-    if (bus.isConnected() && statusNotifierHostRegistered(bus))
+    _hostWatcher->start(x11 || QGuiApplication::platformName() == QLatin1String("wayland"));
+    const bool bus = QDBusConnection::sessionBus().isConnected();
+    if (bus && TrayHostWatcher::hostRegistered())
         createDBusStatusItem();
-    else if (x11 || !bus.isConnected())
+    else if (x11 || !bus)
         createTrayIcon();
 }
 
 void Application::createStatusItem() {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (bus.isConnected() && statusNotifierHostRegistered(bus))
+    if (TrayHostWatcher::hostRegistered())
         createDBusStatusItem();
     else
         createTrayIcon();
 }
 
 void Application::docked() {
-    _noTrayTimer.stop();
+    _hostWatcher->docked();
 }
 
 void Application::createDBusStatusItem() {
@@ -164,9 +105,9 @@ void Application::createDBusStatusItem() {
     // prefers a name to pixmaps, and a name it cannot find shows as a
     // broken icon); the drawn Q as pixmaps in any case.
     const QString themeName = QStringLiteral("quendral-monitor");
-    _sniItem = std::make_unique<SniItem>(quendral::makeTrayIcon(),
-                                         QIcon::hasThemeIcon(themeName) ? themeName : QString(),
-                                         text("Tarnwick Quendral"), _menu.get());
+    _sniItem = std::make_unique<SniItem>(
+        quendral::makeTrayIcon(), QIcon::hasThemeIcon(themeName) ? themeName : QString(),
+        text(QM_TRANSLATE_NOOP("Quendral", "Tarnwick Quendral")), _menu.get());
     if (!_sniItem->isExported()) {
         quendral::logMessage("The status item could not be put on the session bus");
         _sniItem.reset();
@@ -220,7 +161,7 @@ void Application::createTrayIcon() {
     // after it was handed over, so the texts suit whoever draws it.
     menuWillOpen();
     menuDidClose();
-    _statusItem->setToolTip(text("Tarnwick Quendral"));
+    _statusItem->setToolTip(text(QM_TRANSLATE_NOOP("Quendral", "Tarnwick Quendral")));
     // A left click opens the menu Qt draws, as on other desktops' status
     // items. Where the host draws the menu it shows it on a right click; a
     // menu of Qt's own would be drawn apart from the host's (and, on
@@ -243,8 +184,7 @@ void Application::popUpMenu(int x, int y) {
 
 void Application::hostRegistered() {
     if (_sniItem && !_sniItem->isRegistered()) _sniItem->registerWithWatcher();
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!_statusItem && !_sniItem && statusNotifierHostRegistered(bus)) createDBusStatusItem();
+    if (!_statusItem && !_sniItem && TrayHostWatcher::hostRegistered()) createDBusStatusItem();
 }
 
 void Application::watcherAppeared() {
@@ -293,17 +233,21 @@ QMenu *Application::createMenu() {
 
     // The fixed items are made once; an opening changes only their state,
     // so that a host drawing the menu is not sent a new layout each time.
-    _noInstances = new QAction(itemText(text("No Quendral Instances")), _menu.get());
+    _noInstances = new QAction(
+        itemText(text(QM_TRANSLATE_NOOP("Quendral", "No Quendral Instances"))), _menu.get());
     _noInstances->setEnabled(false);
     _instancesEnd = _menu->addSeparator();
-    _logItem = addGeneralItem("Open Diagnostic Messages", false);
+    _logItem = addGeneralItem(QM_TRANSLATE_NOOP("Quendral", "Open Diagnostic Messages"), false);
     connect(_logItem, &QAction::triggered, this, &Application::viewLogFile);
-    _dravinterItem = addGeneralItem("Open Quendral Dravinter", false);
+    _dravinterItem =
+        addGeneralItem(QM_TRANSLATE_NOOP("Quendral", "Open Quendral Dravinter"), false);
     connect(_dravinterItem, &QAction::triggered, this, &Application::launchDravinter);
-    QAction *docs = addGeneralItem("View Online Documentation", true);
+    QAction *docs =
+        addGeneralItem(QM_TRANSLATE_NOOP("Quendral", "View Online Documentation"), true);
     connect(docs, &QAction::triggered, this, &Application::onlineDocumentation);
     _menu->addSeparator();
-    _loginItem = addGeneralItem("Start Quendral Monitor at Login", true);
+    _loginItem =
+        addGeneralItem(QM_TRANSLATE_NOOP("Quendral", "Start Quendral Monitor at Login"), true);
     _loginItem->setCheckable(true);
     connect(_loginItem, &QAction::triggered, this, [this](bool checked) {
         // Qt flips a checkable item before it reports the choice; the action
@@ -311,7 +255,7 @@ QMenu *Application::createMenu() {
         _loginItem->setChecked(!checked);
         toggleStartAtLogin(_loginItem);
     });
-    QAction *quit = addGeneralItem("Quit Quendral Monitor", true);
+    QAction *quit = addGeneralItem(QM_TRANSLATE_NOOP("Quendral", "Quit Quendral Monitor"), true);
     quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
     connect(quit, &QAction::triggered, qApp, &QCoreApplication::quit);
     return _menu.get();
@@ -323,48 +267,19 @@ QAction *Application::addGeneralItem(const char *title, bool enabled) {
     return item;
 }
 
-QList<InstanceAction *> Application::instanceItems() const {
-    QList<InstanceAction *> items;
-    for (QAction *action : _menu->actions())
-        if (auto *item = qobject_cast<InstanceAction *>(action)) items.append(item);
-    return items;
-}
-
-void Application::syncInstanceItems(
-    const std::vector<std::shared_ptr<QuendralInstance>> &instances) {
-    // Items of instances that are gone go; the rest stay, in the manager's
-    // order, which is also the order they were added in.
-    for (InstanceAction *item : instanceItems()) {
-        if (std::find(instances.begin(), instances.end(), item->representedObject()) ==
-            instances.end())
-            delete item;
-    }
-    const QList<InstanceAction *> kept = instanceItems();
-    qsizetype next = 0;
-    for (const auto &instance : instances) {
-        if (next < kept.size() && kept[next]->representedObject() == instance) {
-            updateMenuItem(kept[next++], *instance);
-            continue;
-        }
-        auto *item = new InstanceAction(instance, _menu.get());
-        updateMenuItem(item, *instance);
-        connect(item, &QAction::triggered, this, [this, item] {
-            if (item->kind() == InstanceAction::Kind::Start) startInstance(item);
-            if (item->kind() == InstanceAction::Kind::Stop) stopInstance(item);
-        });
-        _menu->insertAction(next < kept.size() ? kept[next] : _instancesEnd, item);
-    }
-    const bool none = instances.empty();
-    const bool shown = _menu->actions().contains(_noInstances);
-    if (none && !shown) _menu->insertAction(_instancesEnd, _noInstances);
-    if (!none && shown) _menu->removeAction(_noInstances);
-}
-
 void Application::menuWillOpen() {
     if (_inModalDialog) return;
     if (!_manager) return; // not launched yet
     const auto instances = _manager->allInstances();
-    syncInstanceItems(instances);
+    syncInstanceItems(
+        *_menu, instances, _instancesEnd, _noInstances,
+        [this](InstanceAction *item, const QuendralInstance &i) { updateMenuItem(item, i); },
+        [this](InstanceAction *item) {
+            connect(item, &QAction::triggered, this, [this, item] {
+                if (item->kind() == InstanceAction::Kind::Start) startInstance(item);
+                if (item->kind() == InstanceAction::Kind::Stop) stopInstance(item);
+            });
+        });
     if (!instances.empty()) {
         // Also when a host reports two openings without a close between.
         _menuUpdateTimer.start();
@@ -399,38 +314,18 @@ void Application::menuTimerFired() {
         menuDidClose();
         return;
     }
-    for (InstanceAction *item : instanceItems()) {
+    for (InstanceAction *item : instanceItems(*_menu)) {
         item->representedObject()->refresh();
         updateMenuItem(item, *item->representedObject());
     }
 }
 
 void Application::updateMenuItem(InstanceAction *item, const QuendralInstance &instance) {
-    // Any value outside the known ones reads as unknown.
-    const char *title = "%@: Unknown";
-    InstanceAction::Kind kind = InstanceAction::Kind::None;
-    switch (instance.serverStatus()) {
-    case ServerStatusStopped:
-        title = "Start %@";
-        if (instance.canStart()) kind = InstanceAction::Kind::Start;
-        break;
-    case ServerStatusStarting:
-        title = "%@: Starting";
-        break;
-    case ServerStatusRunning:
-        title = "Stop %@";
-        if (instance.canStart()) kind = InstanceAction::Kind::Stop;
-        break;
-    case ServerStatusStopping:
-        title = "%@: Stopping";
-        break;
-    case ServerStatusUnknown:
-        break;
-    }
-    const QString shown = itemText(format(title, instance.instanceName()));
+    const InstanceItemState state = instanceItemState(instance);
+    const QString shown = itemText(format(state.title, instance.instanceName()));
     if (item->text() != shown) item->setText(shown);
-    item->setKind(kind);
-    item->setEnabled(kind != InstanceAction::Kind::None);
+    item->setKind(state.kind);
+    item->setEnabled(state.kind != InstanceAction::Kind::None);
 }
 
 // --- actions ----------------------------------------------------------------
@@ -451,43 +346,16 @@ void Application::stopInstance(InstanceAction *sender) {
 
 bool Application::confirm(const std::shared_ptr<QuendralInstance> &instance, bool start) {
     _inModalDialog = true;
-    QMessageBox box;
-    // Names and paths are shown as they are, never read as markup.
-    box.setTextFormat(Qt::PlainText);
-    box.setText(format(start ? "Do you want to start the %@?" : "Do you want to stop the %@?",
-                       instance->instanceName()));
-    box.setInformativeText(format(start ? "This will start up a Quendral instance in directory\n%@."
-                                        : "This will stop the Quendral instance in directory\n%@.",
-                                  instance->directory()));
-    // The directory stands on a line of its own; Qt would otherwise wrap the
-    // lines of the informative text at a narrow width, even inside the path.
-    if (auto *info = box.findChild<QLabel *>(QStringLiteral("qt_msgbox_informativelabel")))
-        info->setWordWrap(false);
-    // Both buttons share a role, so every desktop's button layout keeps them
-    // in the order added: the action first, then Cancel.
-    QPushButton *action = box.addButton(text(start ? "Start" : "Stop"), QMessageBox::ActionRole);
-    QPushButton *cancel = box.addButton(text("Cancel"), QMessageBox::ActionRole);
-    box.setDefaultButton(action);
-    box.setEscapeButton(cancel);
-    _alert = &box;
-    // The monitor has no window of its own: bring the alert to the front.
-    QMetaObject::invokeMethod(this, "bringAlertToFront", Qt::QueuedConnection);
-    box.exec();
+    const bool confirmed =
+        confirmAction(*instance, start, [this](QMessageBox *box) { _alert = box; });
     _inModalDialog = false;
-    _alert = nullptr;
-    return box.clickedButton() == action;
-}
-
-void Application::bringAlertToFront() {
-    if (!_alert) return;
-    _alert->raise();
-    _alert->activateWindow();
+    return confirmed;
 }
 
 void Application::viewLogFile() {
     std::optional<std::string> log;
     if (_defaultInstance) log = _defaultInstance->logFile();
-    if (log) QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(*log)));
+    if (log) openWithDesktop(QUrl::fromLocalFile(QString::fromStdString(*log)));
 }
 
 void Application::launchDravinter() {
@@ -500,7 +368,18 @@ void Application::onlineDocumentation() {
 
 void Application::openUrl(const QString &url) {
     const QUrl u(url, QUrl::StrictMode);
-    if (u.isValid()) QDesktopServices::openUrl(u);
+    if (!u.isValid()) {
+        quendral::logMessage("cannot open %@: not a valid URL", {url.toStdString()});
+        return;
+    }
+    openWithDesktop(u);
+}
+
+bool Application::openWithDesktop(const QUrl &url) {
+    if (QDesktopServices::openUrl(url)) return true;
+    quendral::logMessage("cannot open %@: the desktop has no program for it",
+                         {url.toString().toStdString()});
+    return false;
 }
 
 // --- start at login -----------------------------------------------------------

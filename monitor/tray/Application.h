@@ -1,9 +1,20 @@
 // The tray application: owns the instance manager, the tray icon and its
-// menu, the menu's refresh timer and the default instance. The menu is
-// rebuilt every time it opens and refreshed twice a second while it is open;
-// its items start and stop instances after a confirmation.
+// menu, the menu's refresh timer and the default instance.
+//
+// Contract:
+//   - The menu is brought in step with the instances every time it opens
+//     (InstanceMenu.h) and refreshed twice a second while it is open, and
+//     only then: with the menu closed the monitor has no timer running once
+//     the icon is docked (TrayHostWatcher.h).
+//   - Its items start and stop instances after a confirmation
+//     (ConfirmationAlert.h); nothing is refreshed while the alert is up.
+//   - The icon is the monitor's own StatusNotifierItem where a D-Bus tray
+//     host shows it (SniItem.h), else Qt's icon for an X11 tray.
+//   - What cannot be done (a URL or the log that cannot be opened, a login
+//     item that cannot be written) is logged, never silently dropped.
 #pragma once
 
+#include "InstanceMenu.h"
 #include "QuendralManager.h"
 
 #include <QAction>
@@ -12,27 +23,14 @@
 #include <QSystemTrayIcon>
 #include <QTimer>
 
+#include <QUrl>
+
 #include <memory>
 #include <string>
 
 class QMessageBox;
 class SniItem;
-
-// A menu item standing for one instance; it keeps its instance alive for as
-// long as the item lives, and remembers which action it currently runs.
-class InstanceAction : public QAction {
-    Q_OBJECT
-  public:
-    enum class Kind { None, Start, Stop };
-    InstanceAction(std::shared_ptr<QuendralInstance> instance, QObject *parent);
-    const std::shared_ptr<QuendralInstance> &representedObject() const { return _instance; }
-    Kind kind() const { return _kind; }
-    void setKind(Kind kind) { _kind = kind; }
-
-  private:
-    std::shared_ptr<QuendralInstance> _instance;
-    Kind _kind = Kind::None;
-};
+class TrayHostWatcher;
 
 class Application : public QObject {
     Q_OBJECT
@@ -46,8 +44,6 @@ class Application : public QObject {
     // A host that has never said so (some never do) gets this long after
     // the opening, or after the pointer last moved over an item.
     static constexpr int kSilentHostRefreshMs = 10000;
-    // How long the monitor waits for a tray before it says there is none.
-    static constexpr int kNoTrayNoticeMs = 10000;
 
     // bundlePath is where the fallback installation "Contents/quendral" is
     // looked for (the installation prefix above bin/ by default).
@@ -77,7 +73,7 @@ class Application : public QObject {
     // The D-Bus status item, where a tray host shows it, else null.
     SniItem *sniItem() const { return _sniItem.get(); }
     // Whether a check for a missing tray is pending.
-    bool noTrayCheckPending() const { return _noTrayTimer.isActive(); }
+    bool noTrayCheckPending() const;
     // Runs exactly while the menu is open.
     QTimer *menuUpdateTimer() { return &_menuUpdateTimer; }
     bool inModalDialog() const { return _inModalDialog; }
@@ -87,10 +83,10 @@ class Application : public QObject {
     QMessageBox *activeAlert() const { return _alert; }
     // The text a menu item shows, with Qt's mnemonic escaping undone (for a
     // menu Qt draws).
-    static QString shownText(const QAction *action);
+    static QString shownText(const QAction *action) { return ::shownText(action); }
     // What to give an item as its text so that it shows `shown` as it is,
     // whether Qt draws the menu or the tray host does.
-    QString itemText(const QString &shown) const;
+    QString itemText(const QString &shown) const { return menuText(shown, qtExportsMenu()); }
 
   public slots:
     void startInstance(InstanceAction *sender);
@@ -104,7 +100,6 @@ class Application : public QObject {
     void toggleStartAtLogin(QAction *sender);
 
   private slots:
-    void bringAlertToFront();
     // A StatusNotifierWatcher appeared (a panel started or restarted).
     void watcherAppeared();
     // A host registered with the watcher.
@@ -121,19 +116,17 @@ class Application : public QObject {
     // The tray took the icon: no notice of a missing one is needed.
     void docked();
     QAction *addGeneralItem(const char *title, bool enabled);
-    // The instance items as the instances are now, changing only what
-    // differs, so a host that draws the menu sees few updates.
-    void syncInstanceItems(const std::vector<std::shared_ptr<QuendralInstance>> &instances);
-    QList<InstanceAction *> instanceItems() const;
+    // Opens a URL with the desktop's handler; false (and a log line naming
+    // it) when it cannot be opened.
+    bool openWithDesktop(const QUrl &url);
 
     std::unique_ptr<QuendralManager> _manager;
     // The menu outlives the icon that shows it (members go in reverse order).
     std::unique_ptr<QMenu> _menu;
     std::unique_ptr<QSystemTrayIcon> _statusItem;
     std::unique_ptr<SniItem> _sniItem;
-    // Runs only while no tray has taken the icon.
-    QTimer _noTrayTimer;
-    qint64 _psn = 0; // our own process, brought to the front for an alert
+    TrayHostWatcher *_hostWatcher = nullptr; // a child of ours
+    qint64 _psn = 0;                         // our own process
     QTimer _menuUpdateTimer;
     bool _inModalDialog = false;
     std::shared_ptr<QuendralInstance> _defaultInstance;

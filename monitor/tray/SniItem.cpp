@@ -1,6 +1,7 @@
 #include "SniItem.h"
 
 #include "DBusMenuExporter.h"
+#include "TrayHostWatcher.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -43,8 +44,8 @@ const QDBusArgument &operator>>(const QDBusArgument &arg, SniToolTip &tip) {
 
 namespace {
 
-const QString kWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
-const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
+using tray::kWatcherPath;
+using tray::kWatcherService;
 
 // The sizes panels draw tray icons at (16 to 32 pixels, twice that on
 // dense screens); a host scales the nearest one to the size it wants.

@@ -9,7 +9,7 @@
     </message>
     <message>
         <source>Instance &apos;%@&apos;</source>
-        <translation>instance « %@ »</translation>
+        <translation>instance «&#xa0;%@&#xa0;»</translation>
     </message>
     <message>
         <source>Start %@</source>
@@ -61,11 +61,11 @@
     </message>
     <message>
         <source>Do you want to start the %@?</source>
-        <translation>Voulez-vous démarrer l’%@ ?</translation>
+        <translation>Voulez-vous démarrer l’%@&#xa0;?</translation>
     </message>
     <message>
         <source>Do you want to stop the %@?</source>
-        <translation>Voulez-vous arrêter l’%@ ?</translation>
+        <translation>Voulez-vous arrêter l’%@&#xa0;?</translation>
     </message>
     <message>
         <source>This will start up a Quendral instance in directory

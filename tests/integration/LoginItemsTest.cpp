@@ -2,11 +2,14 @@
 // it writes, and how it reads entries other programs wrote.
 #include "LoginItems.h"
 #include "ModelTestUtil.h"
+#include "Unprivileged.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <csignal>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace testsupport;
@@ -111,6 +114,49 @@ TEST_F(LoginItems, ConfigLocationFollowsXdgThenHome) {
     setenv("XDG_CONFIG_HOME", "relative/ignored", 1);
     setenv("HOME", dir.path().c_str(), 1);
     EXPECT_EQ(LoginItemList::create()->directory(), dir / ".config/autostart");
+}
+
+TEST_F(LoginItems, AChangeThatCannotBeMadeIsLogged) {
+    ScopedEnv xdg("XDG_CONFIG_HOME", dir.path());
+    const std::string url = quendral::fileUrl(program("bin/quendral-monitor"));
+    LogCapture log;
+    // A file where the directory should be: nothing can be listed.
+    writeFile(autostart, "file\n");
+    quendral::setStartAtLogin(url, true);
+    EXPECT_EQ(log.count("cannot change the login items: the autostart directory cannot be read"),
+              1u);
+    fs::remove(autostart);
+
+    // The entry cannot be written (no room for a single byte).
+    fs::create_directories(autostart);
+    chmod(dir.path().c_str(), 0755);
+    chmod(autostart.c_str(), 0777);
+    const int written = runUnprivileged([&] {
+        LogCapture inner;
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit none{0, 0};
+        if (setrlimit(RLIMIT_FSIZE, &none) != 0) return 1;
+        quendral::setStartAtLogin(url, true);
+        if (inner.count("cannot add the login item to " + autostart + ": File too large") != 1)
+            return 2;
+        return quendral::willStartAtLogin(url) ? 3 : 0;
+    });
+    EXPECT_EQ(written, 0);
+
+    // The entry cannot be removed (its directory is not ours to change).
+    chmod(autostart.c_str(), 0755);
+    quendral::setStartAtLogin(url, true);
+    ASSERT_TRUE(quendral::willStartAtLogin(url));
+    const int removed = runUnprivileged([&] {
+        LogCapture inner;
+        quendral::setStartAtLogin(url, false);
+        for (const std::string &line : inner.lines)
+            if (line.starts_with("cannot remove the login item " + autostart + "/") &&
+                line.ends_with(": Permission denied"))
+                return quendral::willStartAtLogin(url) ? 0 : 2;
+        return 1;
+    });
+    EXPECT_EQ(removed, 0);
 }
 
 } // namespace
