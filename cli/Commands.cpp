@@ -10,6 +10,7 @@
 #include "WaitEvents.h"
 
 #include <algorithm>
+#include <iterator>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -285,9 +286,26 @@ bool targets(const Instances &all, const Options &o, Instances &out, int &code) 
     return true;
 }
 
+std::string exitStatusHelp() {
+    std::string text = "Exit status:", line = text;
+    const size_t count = std::size(kExitMeanings);
+    for (size_t k = 0; k < count; k++) {
+        const std::string item = std::to_string(kExitMeanings[k].code) + " " +
+                                 kExitMeanings[k].meaning + (k + 1 == count ? "." : ",");
+        if (line.size() + 1 + item.size() > 80) {
+            text += "\n" + item;
+            line = item;
+        } else {
+            text += " " + item;
+            line += " " + item;
+        }
+    }
+    return text;
+}
+
 int fail(int code, const std::string &message) {
     // Messages name instances and paths: escaped on a terminal (Output.h).
-    std::cerr << "quendralctl: " << shownOn(STDERR_FILENO, message) << "\n";
+    sayOnStderr(shownOn(STDERR_FILENO, message));
     return code;
 }
 

@@ -16,6 +16,24 @@ namespace quendralctl {
 // over --all, an instance already so counts as done.
 enum Exit { Ok = 0, Failed = 1, Usage = 2, NotRunning = 3, NoInstance = 4 };
 
+// What each status means, for the help text: written here once, beside
+// the numbers.
+struct ExitMeaning {
+    Exit code;
+    const char *meaning;
+};
+inline constexpr ExitMeaning kExitMeanings[] = {
+    {Ok, "success (status: running)"},
+    {Failed, "failed or timed out"},
+    {Usage, "usage"},
+    {NotRunning, "not running (status)"},
+    {NoInstance, "no such instance or no installation"},
+};
+
+// "Exit status: 0 success (status: running), 1 failed ..." as the help's
+// last lines, wrapped to 80 columns.
+std::string exitStatusHelp();
+
 // The longest --wait: a day. More is no time anyone waits for a server, and
 // the bound keeps every deadline far from the clock's range.
 constexpr double kMaxWaitSeconds = 86400;

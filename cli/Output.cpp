@@ -1,5 +1,7 @@
 #include "Output.h"
 
+#include <iostream>
+
 #include <cerrno>
 #include <poll.h>
 #include <unistd.h>
@@ -29,6 +31,13 @@ bool writeOut(std::string_view text) {
         return false;
     }
     return true;
+}
+
+void sayOnStderr(std::string_view line) {
+    std::string text = std::string(kProgramName) + ": ";
+    text.append(line);
+    text += '\n';
+    std::cerr << text;
 }
 
 int outputError() {

@@ -10,6 +10,14 @@
 
 namespace quendralctl {
 
+// The program's name: every line it writes on standard error begins with it
+// and ": ", and the system log knows it by it.
+constexpr const char *kProgramName = "quendralctl";
+
+// Writes "quendralctl: " and `line` on standard error, as one line. The text
+// is written as it is: callers escape names for a terminal (shownOn).
+void sayOnStderr(std::string_view line);
+
 // Writes all of `text` to standard output; false when it could not be
 // written (the first failure's errno is kept for outputError).
 bool writeOut(std::string_view text);

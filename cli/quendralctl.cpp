@@ -74,8 +74,8 @@ bool sameDirectory(const std::string &a, const std::string &b) {
 }
 
 int run(int argc, char **argv) {
-    CLI::App app{"View and control the Quendral server instances of this machine.", "quendralctl"};
-    app.set_version_flag("--version", std::string("quendralctl ") + QM_VERSION);
+    CLI::App app{"View and control the Quendral server instances of this machine.", kProgramName};
+    app.set_version_flag("--version", std::string(kProgramName) + " " + QM_VERSION);
     app.require_subcommand(1);
     app.footer("Examples:\n"
                "  quendralctl list                      instances, their status and pid\n"
@@ -86,9 +86,8 @@ int run(int argc, char **argv) {
                "  quendralctl restart --all --wait 20   restart every instance\n"
                "  quendralctl log sales -n 50 -f        the log's end, then what is appended\n"
                "  quendralctl --home /opt/quendral env  what a started server inherits\n"
-               "  source <(quendralctl completion bash) completion in this shell\n"
-               "Exit status: 0 success (status: running), 1 failed or timed out, 2 usage,\n"
-               "3 not running (status), 4 no such instance or no installation.");
+               "  source <(quendralctl completion bash) completion in this shell\n" +
+               exitStatusHelp());
     std::string home;
     auto *homeOption =
         app.add_option("--home", home, "Installation directory (sets QUENDRAL_HOME)");
@@ -154,7 +153,7 @@ int run(int argc, char **argv) {
         const std::string word = firstWord(argc, argv);
         if (!word.empty() && !isVerb(word))
             return fail(Usage, "unknown command '" + word + "' (see quendralctl --help)");
-        std::cerr << "quendralctl: " << e.what() << " (see quendralctl --help)\n";
+        sayOnStderr(std::string(e.what()) + " (see " + kProgramName + " --help)");
         return Usage;
     }
 
@@ -209,10 +208,10 @@ int run(int argc, char **argv) {
 // gets each line as it is, as it does by default.
 void escapeLogLinesOnATerminal() {
     if (!isatty(STDERR_FILENO)) return;
-    openlog("quendralctl", LOG_PID, LOG_USER);
+    openlog(kProgramName, LOG_PID, LOG_USER);
     quendral::setLogSink([](const std::string &line) {
         syslog(LOG_NOTICE, "%s", line.c_str());
-        std::cerr << "quendralctl: " << forTerminal(line) << "\n";
+        sayOnStderr(forTerminal(line));
     });
 }
 
@@ -234,14 +233,14 @@ int finishOutput(int code) {
 } // namespace
 
 int main(int argc, char **argv) {
-    quendral::setLogIdent("quendralctl");
+    quendral::setLogIdent(kProgramName);
     escapeLogLinesOnATerminal();
     int code = Failed;
     // Out of memory or a broken output stream: one clear line, not an abort.
     try {
         code = run(argc, argv);
     } catch (const std::exception &e) {
-        std::cerr << "quendralctl: " << e.what() << "\n";
+        sayOnStderr(e.what());
     }
     return finishOutput(code);
 }

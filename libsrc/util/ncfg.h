@@ -26,6 +26,20 @@
  * Every call returns 0 for success and -1 for failure (the refresh calls also
  * 1 for "reloaded"). The library never prints. Strings handed out belong to
  * the handle and stay valid until the next refresh, edit or TWK_Cfg_done.
+ *
+ * Threads: each call takes the handle's mutex for its own duration, so calls
+ * on a shared handle never corrupt it. But a lookup answers through the
+ * handle's current-entry fields (section, id, value, flags), which the
+ * caller reads after the call has returned and let go of the mutex: threads
+ * that share a handle must guard each lookup together with their reads of
+ * those fields, and of the strings they point to, with a lock of their own
+ * (the mutex is not recursive, so it cannot be that lock). Another thread's
+ * refresh or edit in between may free what the fields point to.
+ *
+ * The digest covers at most the first 4 GiB: MD5 is fed the file's size
+ * modulo 2^32 bytes at load. So for a file of 4 GiB or more, a change that
+ * leaves that part and the size alone (but not the modification time) is
+ * taken for "same bytes", and the entries are not parsed again.
  */
 #ifndef TWK_NCFG_H
 #define TWK_NCFG_H
@@ -75,7 +89,8 @@ typedef struct TWK_CfgHandle {
     char *text;               /* the file's bytes plus a NUL, parsed in place */
     int64_t size;             /* file size at the last full load */
     time_t mtime;             /* modification time (seconds) at the last full load */
-    unsigned char digest[16]; /* MD5 of the content last loaded or committed */
+    unsigned char digest[16]; /* MD5 of the content last loaded (its first size
+                               * mod 2^32 bytes) or committed */
     uint32_t numEntries;
     uint32_t maxEntries;
     TWK_CfgEntry *entries;
@@ -85,7 +100,7 @@ typedef struct TWK_CfgHandle {
     char *value;           /* value of the current entry, or NULL */
     char *comment;         /* reserved; always NULL */
     uint16_t flags;        /* TWK_CFG_LOADED, TWK_CFG_ATEND, entry type */
-    pthread_mutex_t mutex; /* guards all of the above */
+    pthread_mutex_t mutex; /* held by every call for its duration (see "Threads") */
 } TWK_CfgHandle;
 
 /* Opens and loads the file at path. On failure stores NULL and returns -1
@@ -124,8 +139,12 @@ int32_t TWK_Cfg_find(TWK_CfgHandle *handle, const char *section, const char *key
 /* Sets a key (section, id and value given), deletes a key (value NULL) or a
  * whole section (id NULL). A missing section is appended with the key; a
  * missing key is added at the end of its section. Deleting what is not there
- * succeeds. -1: NULL handle or section, not loaded, or out of memory (what
- * was done before stays, see the implementation). */
+ * succeeds. -1: NULL handle or section, not loaded, or out of memory. What
+ * was done before running out of memory stays, and `dirty` is set: a key
+ * whose old value was already freed is left without a value; for a missing
+ * section, the appended header stays when the key cannot be added; a new key
+ * whose copies failed is left partly filled (its ownership bits say what it
+ * holds, so TWK_Cfg_done frees exactly that). */
 int32_t TWK_Cfg_write(TWK_CfgHandle *handle, const char *section, const char *id,
                       const char *value);
 
