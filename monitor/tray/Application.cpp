@@ -36,6 +36,11 @@ Application::Application(std::string bundlePath) : _bundlePath(std::move(bundleP
     quendral::setTranslator([](const std::string &key) {
         return QCoreApplication::translate("Quendral", key.c_str()).toStdString();
     });
+    if (const QByteArray ms = qgetenv("QUENDRAL_MONITOR_TEST_SILENT_HOST_MS"); !ms.isEmpty()) {
+        bool ok = false;
+        const qint64 value = ms.toLongLong(&ok);
+        if (ok && value > 0) _silentHostRefreshMs = value;
+    }
     _menuUpdateTimer.setInterval(500);
     connect(&_menuUpdateTimer, &QTimer::timeout, this, &Application::menuTimerFired);
     _hostWatcher = new TrayHostWatcher(this);
@@ -307,7 +312,7 @@ void Application::menuTimerFired() {
         closed = false;
     else if (hostDrawsMenu())
         closed = now() - _menuOpenedAt >
-                 (_hostReportsClosing ? kMenuRefreshLimitMs : kSilentHostRefreshMs);
+                 (_hostReportsClosing ? kMenuRefreshLimitMs : _silentHostRefreshMs);
     else
         closed = true;
     if (closed) {

@@ -42,7 +42,9 @@ class Application : public QObject {
     // the message be lost.
     static constexpr int kMenuRefreshLimitMs = 120000;
     // A host that has never said so (some never do) gets this long after
-    // the opening, or after the pointer last moved over an item.
+    // the opening, or after the pointer last moved over an item. Tests that
+    // drive such a host shorten it with QUENDRAL_MONITOR_TEST_SILENT_HOST_MS
+    // rather than wait this long.
     static constexpr int kSilentHostRefreshMs = 10000;
 
     // bundlePath is where the fallback installation "Contents/quendral" is
@@ -136,6 +138,7 @@ class Application : public QObject {
     // When the refresh must stop if no host says the menu closed.
     qint64 _menuOpenedAt = 0;
     bool _hostReportsClosing = false;
+    qint64 _silentHostRefreshMs = kSilentHostRefreshMs;
     bool _trayNoticeGiven = false;
 
     // The menu's fixed items, made once.

@@ -228,11 +228,7 @@ open_menu 1 || fail "the menu did not open"
 busy=$(qm_wakeups "$monitor_pid" 1)
 [ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 1 s)"
 close_menu || fail "Escape did not close the menu"
-if [ "$reports_closing" = yes ]; then
-    sleep 1
-else
-    sleep 10
-fi
+qm_until_idle "$monitor_pid" 15 || fail "the refresh did not stop after the menu closed"
 idle=$(qm_wakeups "$monitor_pid" 3)
 echo "$host: $busy wakeups in 1 s while open, $idle in 3 s after the menu closed (host reports closing: $reports_closing)"
 [ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
