@@ -1,5 +1,10 @@
 // Where the model's messages go: one line each to the system log and to
 // stderr, unless a test or the application installs its own sink.
+//
+// Contract: a message is one line, its text fixed by the code that logs it
+// (the formats are part of what users and tests read) with arguments put in
+// as they are; the sink is called under a lock, so lines from several
+// threads never interleave; logging never fails and never throws.
 #pragma once
 
 #include <functional>

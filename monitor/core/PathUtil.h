@@ -1,4 +1,10 @@
 // Path operations the model needs, in their Linux form.
+//
+// Contract: append, lastComponent, isAbsolute and standardize work on the
+// text alone and never touch the file system (except for "~", which is the
+// home directory of SystemIo.h); resolveSymlinks, isDirectory and
+// existsNotDirectory look, follow links, and never fail: what cannot be
+// looked at counts as not there.
 #pragma once
 
 #include <string>

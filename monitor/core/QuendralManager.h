@@ -1,6 +1,11 @@
 // Finds instance directories under its search paths and keeps one
 // QuendralInstance per directory between calls, so that an instance's pid
 // and status survive from one look to the next.
+//
+// Contract: each call lists the search paths anew and refreshes every
+// instance it returns; an instance whose configuration is gone is dropped in
+// that call; a search path that can no longer be listed is dropped. One
+// thread; the instances handed out are shared with the caller.
 #pragma once
 
 #include "QuendralInstance.h"

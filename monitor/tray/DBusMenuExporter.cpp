@@ -10,34 +10,6 @@
 
 // --- marshalling ---------------------------------------------------------------
 
-QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuItem &item) {
-    arg.beginStructure();
-    arg << item.id << item.properties;
-    arg.endStructure();
-    return arg;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuItem &item) {
-    arg.beginStructure();
-    arg >> item.id >> item.properties;
-    arg.endStructure();
-    return arg;
-}
-
-QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuItemKeys &keys) {
-    arg.beginStructure();
-    arg << keys.id << keys.properties;
-    arg.endStructure();
-    return arg;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuItemKeys &keys) {
-    arg.beginStructure();
-    arg >> keys.id >> keys.properties;
-    arg.endStructure();
-    return arg;
-}
-
 QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuLayoutItem &item) {
     arg.beginStructure();
     arg << item.id << item.properties;
@@ -64,20 +36,6 @@ const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuLayoutItem &it
         item.children.append(node);
     }
     arg.endArray();
-    arg.endStructure();
-    return arg;
-}
-
-QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuEvent &event) {
-    arg.beginStructure();
-    arg << event.id << event.eventId << event.data << event.timestamp;
-    arg.endStructure();
-    return arg;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuEvent &event) {
-    arg.beginStructure();
-    arg >> event.id >> event.eventId >> event.data >> event.timestamp;
     arg.endStructure();
     return arg;
 }

@@ -14,6 +14,10 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include "DBusStruct.h"
+
+#include <tuple>
+
 class QAction;
 class QMenu;
 
@@ -21,11 +25,15 @@ class QMenu;
 struct DBusMenuItem {
     int id = 0;
     QVariantMap properties;
+    auto fields() { return std::tie(id, properties); }
+    auto fields() const { return std::tie(id, properties); }
 };
 // One item with the names of properties it no longer has: (ias).
 struct DBusMenuItemKeys {
     int id = 0;
     QStringList properties;
+    auto fields() { return std::tie(id, properties); }
+    auto fields() const { return std::tie(id, properties); }
 };
 // A node of the layout tree: (ia{sv}av), the children each in a variant.
 struct DBusMenuLayoutItem {
@@ -39,6 +47,8 @@ struct DBusMenuEvent {
     QString eventId;
     QDBusVariant data;
     uint timestamp = 0;
+    auto fields() { return std::tie(id, eventId, data, timestamp); }
+    auto fields() const { return std::tie(id, eventId, data, timestamp); }
 };
 using DBusMenuItemList = QList<DBusMenuItem>;
 using DBusMenuItemKeysList = QList<DBusMenuItemKeys>;
@@ -51,14 +61,10 @@ Q_DECLARE_METATYPE(DBusMenuItemKeys)
 Q_DECLARE_METATYPE(DBusMenuLayoutItem)
 Q_DECLARE_METATYPE(DBusMenuEvent)
 
-QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuItem &item);
-const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuItem &item);
-QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuItemKeys &keys);
-const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuItemKeys &keys);
+// The layout node's children are variants, each holding a node: written by
+// hand. The other structures are written from their fields (DBusStruct.h).
 QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuLayoutItem &item);
 const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuLayoutItem &item);
-QDBusArgument &operator<<(QDBusArgument &arg, const DBusMenuEvent &event);
-const QDBusArgument &operator>>(const QDBusArgument &arg, DBusMenuEvent &event);
 
 class DBusMenuExporter : public QObject {
     Q_OBJECT

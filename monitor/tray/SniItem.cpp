@@ -14,34 +14,6 @@
 #include <QPixmap>
 #include <QtEndian>
 
-QDBusArgument &operator<<(QDBusArgument &arg, const SniIconPixmap &pixmap) {
-    arg.beginStructure();
-    arg << pixmap.width << pixmap.height << pixmap.bytes;
-    arg.endStructure();
-    return arg;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &arg, SniIconPixmap &pixmap) {
-    arg.beginStructure();
-    arg >> pixmap.width >> pixmap.height >> pixmap.bytes;
-    arg.endStructure();
-    return arg;
-}
-
-QDBusArgument &operator<<(QDBusArgument &arg, const SniToolTip &tip) {
-    arg.beginStructure();
-    arg << tip.iconName << tip.iconPixmaps << tip.title << tip.description;
-    arg.endStructure();
-    return arg;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &arg, SniToolTip &tip) {
-    arg.beginStructure();
-    arg >> tip.iconName >> tip.iconPixmaps >> tip.title >> tip.description;
-    arg.endStructure();
-    return arg;
-}
-
 namespace {
 
 using tray::kWatcherPath;

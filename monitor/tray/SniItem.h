@@ -3,6 +3,8 @@
 // shows the exported menu on any click, left or right, drawing it itself.
 #pragma once
 
+#include "DBusStruct.h"
+
 #include <QDBusAbstractAdaptor>
 #include <QDBusArgument>
 #include <QDBusContext>
@@ -10,6 +12,8 @@
 #include <QIcon>
 #include <QList>
 #include <QObject>
+
+#include <tuple>
 
 class QMenu;
 class DBusMenuExporter;
@@ -19,6 +23,8 @@ struct SniIconPixmap {
     int width = 0;
     int height = 0;
     QByteArray bytes;
+    auto fields() { return std::tie(width, height, bytes); }
+    auto fields() const { return std::tie(width, height, bytes); }
 };
 using SniIconPixmapList = QList<SniIconPixmap>;
 // (sa(iiay)ss): icon name, icon pixmaps, title, description.
@@ -27,16 +33,13 @@ struct SniToolTip {
     SniIconPixmapList iconPixmaps;
     QString title;
     QString description;
+    auto fields() { return std::tie(iconName, iconPixmaps, title, description); }
+    auto fields() const { return std::tie(iconName, iconPixmaps, title, description); }
 };
 
 // cppcheck-suppress unknownMacro
 Q_DECLARE_METATYPE(SniIconPixmap)
 Q_DECLARE_METATYPE(SniToolTip)
-
-QDBusArgument &operator<<(QDBusArgument &arg, const SniIconPixmap &pixmap);
-const QDBusArgument &operator>>(const QDBusArgument &arg, SniIconPixmap &pixmap);
-QDBusArgument &operator<<(QDBusArgument &arg, const SniToolTip &tip);
-const QDBusArgument &operator>>(const QDBusArgument &arg, SniToolTip &tip);
 
 class SniItem : public QObject, protected QDBusContext {
     Q_OBJECT

@@ -1,5 +1,9 @@
 // The tray's texts in the user's language: the translation for the locale
 // (LANG, LC_MESSAGES, LC_ALL), and Qt's own for the buttons it draws.
+//
+// Contract: what is not translated shows in English, never as a key or an
+// empty text; the catalogues are made from the texts marked in the code
+// (Localization.h).
 #pragma once
 
 #include <QLocale>

@@ -29,26 +29,14 @@ fi
 host=$1 monitor=$2 ctl=$3 demo=$4 out=$5/$1
 work=$QM_PANEL_INNER
 mkdir -p "$out"
-qm_pids=()
 . "$(dirname "$0")/../../scripts/lib/xdisplay.sh"
 . "$(dirname "$0")/tray_item.sh"
-cleanup() {
-    "$ctl" --home "$work/home" stop --all --wait 5 >/dev/null 2>&1 || true
-    for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
-    wait 2>/dev/null || true
-}
-trap cleanup EXIT
-fail() {
-    echo "FAIL ($host): $*" >&2
-    shot failure || true
-    tail -n 20 "$work/monitor.log" >&2 || true
-    exit 1
-}
+qm_host=$host
+trap qm_cleanup EXIT
 shot() { import -window root "$out/$1.png"; }
 
-mkdir -p "$work/home/bin" "$work/home/my_db" "$work/home/R&D" "$work/config"
-cp "$demo" "$work/home/bin/quendral"
-for d in my_db "R&D"; do printf '[database]\n' >"$work/home/$d/quendral.ini"; done
+qm_make_installation
+mkdir -p "$work/config"
 export XDG_CONFIG_HOME=$work/config QUENDRAL_HOME=$work/home QUENDRAL_DEMO_HTTP_PORT=0 \
     LANG=C.UTF-8 QT_QPA_PLATFORM=xcb
 # The login case: the monitor first, the panel after it.

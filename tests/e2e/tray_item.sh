@@ -3,6 +3,29 @@
 # expected texts for the instances "R&D" and "my_db", and the monitor's main
 # thread's wakeups.
 
+# What every panel test shares. They set $work, $ctl, $demo and $qm_host, and
+# define shot NAME (a screenshot); the processes they start go in qm_pids,
+# and are stopped at the end with the servers (trap qm_cleanup EXIT).
+qm_pids=()
+qm_cleanup() {
+    "$ctl" --home "$work/home" stop --all --wait 5 >/dev/null 2>&1 || true
+    for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+}
+fail() {
+    echo "FAIL ($qm_host): $*" >&2
+    shot failure || true
+    tail -n 20 "$work/monitor.log" >&2 || true
+    exit 1
+}
+# The installation the tests show: the demo server and the instances "my_db"
+# and "R&D".
+qm_make_installation() {
+    mkdir -p "$work/home/bin" "$work/home/my_db" "$work/home/R&D"
+    cp "$demo" "$work/home/bin/quendral"
+    for d in my_db "R&D"; do printf '[database]\n' >"$work/home/$d/quendral.ini"; done
+}
+
 # Finds the registered item and its menu: sets qm_item_bus and qm_menu_path.
 qm_find_item() {
     local item

@@ -32,26 +32,13 @@ if [ -z "${QM_WAYLAND_INNER:-}" ]; then
 fi
 monitor=$1 ctl=$2 demo=$3 vpointer=$4 out=$5/waybar
 work=$QM_WAYLAND_INNER
-qm_pids=()
 . "$(dirname "$0")/../../scripts/lib/xdisplay.sh" # qm_until
 . "$(dirname "$0")/tray_item.sh"
-cleanup() {
-    "$ctl" --home "$work/home" stop --all --wait 5 >/dev/null 2>&1 || true
-    for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
-    wait 2>/dev/null || true
-}
-trap cleanup EXIT
-fail() {
-    echo "FAIL (waybar): $*" >&2
-    shot failure || true
-    tail -n 20 "$work/monitor.log" >&2 || true
-    exit 1
-}
+qm_host=waybar
+trap qm_cleanup EXIT
 shot() { grim "$out/$1.png"; }
 
-mkdir -p "$work/home/bin" "$work/home/my_db" "$work/home/R&D"
-cp "$demo" "$work/home/bin/quendral"
-for d in my_db "R&D"; do printf '[database]\n' >"$work/home/$d/quendral.ini"; done
+qm_make_installation
 printf 'output HEADLESS-1 resolution 1024x768\ndefault_border none\n' >"$work/sway.conf"
 cat >"$work/waybar.json" <<'CONF'
 { "layer": "top", "position": "top", "height": 30, "modules-right": ["tray"],
