@@ -126,13 +126,22 @@ void Application::createDBusStatusItem() {
     //     closes.
     //   lxqt-panel 1.2: AboutToShow(0) and Event(0, "opened") at each
     //     opening by a right click, Event(0, "closed") at each closing; a
-    //     left click sends Activate instead (it never reads ItemIsMenu), and
-    //     the menu Qt draws opens and closes as such.
+    //     left click sends Activate instead (it never reads ItemIsMenu) and
+    //     shows nothing when it is refused, so the menu Qt draws opens (and
+    //     closes as such).
+    //   Plasma 5.27: the same as lxqt-panel for a right click; a left click
+    //     sends Activate, and when it is refused, AboutToShow(0) and
+    //     Event(0, "opened") within milliseconds, and draws the menu.
     // So the refresh starts at whichever comes first and stops at "closed";
     // hosts that have never said "closed" (xfce4-panel, waybar) get a stop
     // kSilentHostRefreshMs after the opening or the last pointing at an item.
     DBusMenuExporter *exporter = _sniItem->menuExporter();
-    connect(exporter, &DBusMenuExporter::menuAboutToShow, this, &Application::menuWillOpen);
+    // The host draws the menu: one of Qt's own, opened because a host asked
+    // for activation and was slow to show its own, goes.
+    connect(exporter, &DBusMenuExporter::menuAboutToShow, this, [this] {
+        if (_menu->isVisible()) _menu->hide();
+        menuWillOpen();
+    });
     connect(exporter, &DBusMenuExporter::menuOpened, this, [this] {
         // Usually just after AboutToShow, which did the work already.
         if (_menuUpdateTimer.isActive())
@@ -182,8 +191,8 @@ void Application::createTrayIcon() {
 
 void Application::popUpMenu(int x, int y) {
     // A host that does not honour ItemIsMenu (lxqt-panel 1.2 never reads it)
-    // asks for activation on a left click: on X11 the menu Qt draws opens
-    // at the pointer, as the host's own would.
+    // and does not draw the menu when activation is refused: on X11 the menu
+    // Qt draws opens at the pointer, as the host's own would.
     if (!_menu->isVisible()) _menu->popup(QPoint(x, y));
 }
 

@@ -63,6 +63,13 @@ SniItem::SniItem(const QIcon &icon, const QString &iconName, const QString &tool
                        .arg(QCoreApplication::applicationPid())
                        .arg(++count);
     _menuExporter = new DBusMenuExporter(menu, QString::fromLatin1(kMenuPath), this);
+    _activateGrace.setSingleShot(true);
+    _activateGrace.setInterval(kActivateGraceMs);
+    connect(&_activateGrace, &QTimer::timeout, this,
+            [this] { emit activated(_activatedAt.x(), _activatedAt.y()); });
+    // The host shows its own menu: the monitor's is not wanted.
+    connect(_menuExporter, &DBusMenuExporter::menuAboutToShow, &_activateGrace, &QTimer::stop);
+    connect(_menuExporter, &DBusMenuExporter::menuOpened, &_activateGrace, &QTimer::stop);
     new SniItemAdaptor(this);
     QDBusConnection bus = QDBusConnection::sessionBus();
     _exported = bus.registerObject(QString::fromLatin1(kItemPath), this) &&
@@ -94,16 +101,28 @@ void SniItem::registerWithWatcher() {
 }
 
 void SniItem::activate(int x, int y) {
-    // Elsewhere (Wayland) a menu of the monitor's own cannot be placed by
-    // the icon. Refused, activation lets a host that falls back on failure
-    // show the menu it draws.
+    // Refused, activation lets a host that falls back on failure (Plasma)
+    // show the menu it draws, as for a right click, on X11 and Wayland alike.
+    if (calledFromDBus())
+        sendErrorReply(QDBusError::NotSupported,
+                       QStringLiteral("The item is a menu and has no activation of its own"));
+    // A host that shows nothing then (lxqt-panel 1.2) gets the menu Qt
+    // draws, where it can be placed by the icon; elsewhere (Wayland) it
+    // cannot.
+    if (QGuiApplication::platformName() != QLatin1String("xcb")) return;
+    _activatedAt = QPoint(x, y);
+    _activateGrace.start();
+}
+
+void SniItem::contextMenu(int x, int y) {
+    // Asked for in so many words: no host menu is coming.
     if (QGuiApplication::platformName() == QLatin1String("xcb")) {
         emit activated(x, y);
         return;
     }
     if (calledFromDBus())
         sendErrorReply(QDBusError::NotSupported,
-                       QStringLiteral("The item is a menu and has no activation of its own"));
+                       QStringLiteral("The item's menu is the exported one"));
 }
 
 SniItemAdaptor::SniItemAdaptor(SniItem *item) : QDBusAbstractAdaptor(item), _item(item) {}
@@ -114,9 +133,12 @@ SniToolTip SniItemAdaptor::toolTip() const {
 
 // The menu is the host's to show (ItemIsMenu): a host that honours it sends
 // none of these for a click.
-void SniItemAdaptor::ContextMenu(int, int) {}
+void SniItemAdaptor::ContextMenu(int x, int y) {
+    _item->contextMenu(x, y);
+}
 void SniItemAdaptor::Activate(int x, int y) {
     _item->activate(x, y);
 }
+void SniItemAdaptor::ProvideXdgActivationToken(const QString &) {}
 void SniItemAdaptor::SecondaryActivate(int, int) {}
 void SniItemAdaptor::Scroll(int, const QString &) {}

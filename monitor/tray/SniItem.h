@@ -1,6 +1,14 @@
 // The monitor's status item on D-Bus (org.kde.StatusNotifierItem), shown by
-// the panels that draw tray items from D-Bus. It says ItemIsMenu, so a host
-// shows the exported menu on any click, left or right, drawing it itself.
+// the panels that draw tray items from D-Bus.
+//
+// Contract: a click on the icon, left or right, opens the menu, in every
+// host. The item says ItemIsMenu, so a host that honours it (xfce4-panel,
+// waybar) shows the exported menu on any click, drawing it itself. A host
+// that asks for activation instead gets an error reply: one that falls back
+// on it (Plasma) then draws the exported menu as for a right click. Where a
+// host does neither (lxqt-panel 1.2) and Qt can place a menu of its own
+// (X11), `activated` asks for that menu at the pointer, after
+// kActivateGraceMs unless the host opened its own meanwhile.
 #pragma once
 
 #include "DBusStruct.h"
@@ -12,6 +20,8 @@
 #include <QIcon>
 #include <QList>
 #include <QObject>
+#include <QPoint>
+#include <QTimer>
 
 #include <tuple>
 
@@ -63,12 +73,20 @@ class SniItem : public QObject, protected QDBusContext {
     // Whether the last registration was accepted.
     bool isRegistered() const { return _registered; }
 
+    // How long a host that asked for activation has to show its own menu
+    // (Plasma does within a few milliseconds of the refusal) before the
+    // monitor shows its own.
+    static constexpr int kActivateGraceMs = 200;
+
     // A host asked for activation at the given point on the screen (a
     // click, where the host does not honour ItemIsMenu).
     void activate(int x, int y);
+    // A host asked for the menu at the given point.
+    void contextMenu(int x, int y);
 
   signals:
-    // Only where a menu Qt draws can be placed there (X11).
+    // Show the menu Qt draws at that point: only where it can be placed
+    // there (X11).
     void activated(int x, int y);
 
   public:
@@ -84,6 +102,9 @@ class SniItem : public QObject, protected QDBusContext {
     DBusMenuExporter *_menuExporter = nullptr;
     bool _exported = false;
     bool _registered = false;
+    // A refused activation, waiting to see whether the host shows its menu.
+    QTimer _activateGrace;
+    QPoint _activatedAt;
 };
 
 class SniItemAdaptor : public QDBusAbstractAdaptor {
@@ -127,6 +148,9 @@ class SniItemAdaptor : public QDBusAbstractAdaptor {
     void Activate(int x, int y);
     void SecondaryActivate(int x, int y);
     void Scroll(int delta, const QString &orientation);
+    // Plasma hands over a token before each click, for a window the item
+    // might raise; the monitor raises none on a click.
+    void ProvideXdgActivationToken(const QString &token);
 
   signals:
     void NewTitle();

@@ -11,7 +11,7 @@ QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
 # The test suite and its oracles.
 QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils dex
     zsh fish fonts-wqy-microhei weston qt6-wayland
-    xfce4-panel xfwm4 xfconf dbus-x11 lxqt-panel openbox
+    xfce4-panel xfwm4 xfconf dbus-x11 lxqt-panel openbox plasma-workspace plasma-desktop kded5
     sway waybar grim wtype jq libwayland-dev libwayland-bin
     dbus-bin dbus-daemon libglib2.0-bin systemd dbus-user-session haskell-status-notifier-item-utils
     "${QM_PKGS_DISPLAY[@]}")

@@ -48,8 +48,9 @@ sleep 1
 # Whether the panel tells the monitor that its menu closed (xfce4-panel
 # never does: the monitor stops refreshing by itself, 10 s after the
 # opening), and who draws the menu on a left click: the panel, or, where the
-# panel never reads ItemIsMenu and asks the monitor to activate instead
-# (lxqt-panel 1.2), the monitor, its menu drawn by Qt at the pointer.
+# panel never reads ItemIsMenu, asks the monitor to activate instead and
+# shows nothing when that is refused (lxqt-panel 1.2), the monitor, its menu
+# drawn by Qt at the pointer.
 reports_closing=yes
 left_click_menu=panel
 case $host in

@@ -136,17 +136,33 @@ updates=$(grep -c 'LayoutUpdated' "$work/signals.log" || true)
 echo "openings send no layout updates"
 
 # A host that sends Activate for a menu-only item (one that never reads
-# ItemIsMenu) draws no menu: on X11 the monitor's own opens at the point.
-gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
-    --method org.kde.StatusNotifierItem.Activate 10 10 >/dev/null
+# ItemIsMenu) is refused, so that one that falls back on a refusal draws the
+# menu itself. One that then draws no menu gets, on X11, the monitor's own,
+# at the point.
+activate() {
+    gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
+        --method org.kde.StatusNotifierItem.Activate 10 10 2>&1
+}
+refusal=$(activate) && fail "Activate was not refused: $refusal"
+[[ $refusal == *NotSupported* ]] || fail "Activate failed otherwise: $refusal"
 own_menu() { xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1; }
-qm_until 5 own_menu || fail "Activate opened no menu"
+qm_until 5 own_menu || fail "a refused Activate that the host let be opened no menu"
 eval "$(xdotool getwindowgeometry --shell "$(xdotool search --onlyvisible --classname '^quendral-monitor$' | head -1)" | grep -E '^(X|Y)=')"
 [ "$X" -le 20 ] && [ "$Y" -le 20 ] || fail "the menu opened at $X,$Y, not at the point given"
 xdotool key Escape
 qm_until 5 sh -c "! xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1" ||
     fail "Escape did not close the menu"
-echo "Activate opens the monitor's menu at the point"
+echo "Activate is refused, and where the host then shows nothing the monitor's menu opens at the point"
+
+# A host that falls back on the refusal and shows the menu itself (Plasma):
+# the monitor's own stays closed.
+activate >/dev/null || true
+menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
+event 0 opened
+sleep 1
+own_menu && fail "the monitor's menu opened beside the one the host shows"
+event 0 closed
+echo "a host that shows the menu after the refusal gets no second one"
 
 # Opened: the menu follows a server started meanwhile.
 menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
