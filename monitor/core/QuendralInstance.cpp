@@ -102,15 +102,18 @@ void QuendralInstance::setStatus(ServerStatus status) {
         forgetStartRecord(_path, *_launched);
         _launched.reset();
     }
-    if (_serverStatus == ServerStatusStarting && status == ServerStatusStopped) {
-        // The launched process ended without a server: if it never ran the
-        // program, it said why before it went.
-        // Logged here, once: the tray has no other way to tell the user why
-        // the server it launched never ran (quendralctl asks launchFailure
-        // and says it in its own words).
-        const bool known = _failure.kind == ActionFailure::ExecFailed;
-        (void)launchFailure();
-        if (!known && _failure.kind == ActionFailure::ExecFailed) logMessage("%@", {_failure.text});
+    if (_serverStatus == ServerStatusStarting && status != ServerStatusStarting) {
+        // The start has concluded. If the launched process ended without a
+        // server and never ran the program, it said why before it went:
+        // logged here, once, since the tray has no other way to tell the
+        // user (quendralctl asks launchFailure and says it in its own
+        // words). Either way the report's descriptor goes now.
+        if (status == ServerStatusStopped) {
+            const bool known = _failure.kind == ActionFailure::ExecFailed;
+            (void)launchFailure();
+            if (!known && _failure.kind == ActionFailure::ExecFailed)
+                logMessage("%@", {_failure.text});
+        }
         _execReport = ExecReport();
     }
     if (status != _serverStatus) {

@@ -227,6 +227,26 @@ TEST_F(ProcessControl, TheRefreshThatSeesAProgramThatCouldNotRunEndLogsWhyOnce) 
     EXPECT_EQ(inst->failure().kind, ActionFailure::ExecFailed);
 }
 
+TEST_F(ProcessControl, AStartThatConcludedHoldsNoDescriptor) {
+    const int before = openDescriptors();
+    ASSERT_TRUE(inst->startup());
+    ASSERT_TRUE(refreshUntil(ServerStatusRunning));
+    ASSERT_TRUE(inst->shutdown());
+    const pid_t server = inst->pid();
+    ASSERT_TRUE(refreshUntil(ServerStatusStopped));
+    EXPECT_TRUE(refreshUntilReaped(server));
+    EXPECT_EQ(openDescriptors(), before);
+
+    // Nor one whose program could not be run.
+    writeFile(instDir + "/quendral", "not a program\n");
+    chmod((instDir + "/quendral").c_str(), 0644);
+    ASSERT_TRUE(inst->startup());
+    const pid_t launched = inst->pid();
+    ASSERT_TRUE(refreshUntil(ServerStatusStopped));
+    EXPECT_TRUE(refreshUntilReaped(launched));
+    EXPECT_EQ(openDescriptors(), before);
+}
+
 TEST_F(ProcessControl, AServerThatRunsSaysNothingOfItsLaunch) {
     ASSERT_TRUE(inst->startup());
     EXPECT_EQ(inst->launchFailure(5000), "");
