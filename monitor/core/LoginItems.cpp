@@ -26,17 +26,23 @@ constexpr const char *kEntryName = "quendral-monitor.desktop";
 // we need to read to the end.
 constexpr size_t kEntryReadLimit = size_t{64} * 1024;
 
-// False with errno set when the file could not be written whole (and then
-// it is not left half written).
+// Writes a file that did not exist, whole or not at all: the text goes to a
+// hidden file beside it (which no list takes for an entry) and is linked in
+// under the name, which fails as an exclusive create would if the name was
+// taken meanwhile. So a session starting, or another front end reading the
+// list, never sees the entry half written. False with errno set when it
+// could not be done (nothing is left behind then).
 bool writeNewFile(const std::string &path, const std::string &text) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    const std::string dir = sys::parentDirectory(path);
+    std::string temp = path::append(dir, ".quendral-monitor.XXXXXX");
+    const int fd = mkostemp(temp.data(), O_CLOEXEC);
     if (fd < 0) return false;
-    int err = sys::writeAll(fd, text.data(), text.size()) ? 0 : errno;
+    int err = fchmod(fd, 0644) == 0 && sys::writeAll(fd, text.data(), text.size()) ? 0 : errno;
     if (close(fd) != 0 && err == 0) err = errno;
-    if (err == 0) return true;
-    unlink(path.c_str());
+    if (err == 0 && link(temp.c_str(), path.c_str()) != 0) err = errno;
+    unlink(temp.c_str());
     errno = err;
-    return false;
+    return err == 0;
 }
 
 } // namespace
