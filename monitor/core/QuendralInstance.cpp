@@ -229,7 +229,7 @@ void QuendralInstance::refuse(ActionFailure::Kind kind, std::string text) {
 }
 
 std::optional<std::string> QuendralInstance::launchFailure(int waitMs) {
-    const auto why = _execReport.failure(waitMs);
+    auto why = _execReport.failure(waitMs);
     if (why && !why->empty()) _failure = {ActionFailure::ExecFailed, *why};
     return why;
 }

@@ -40,10 +40,13 @@ bool confirmAction(const QuendralInstance &instance, bool start,
     if (shown) shown(&box);
     // The monitor has no window of its own: the alert comes to the front
     // once its event loop runs.
-    QTimer::singleShot(0, &box, [&box] {
+    QTimer front;
+    front.setSingleShot(true);
+    QObject::connect(&front, &QTimer::timeout, &box, [&box] {
         box.raise();
         box.activateWindow();
     });
+    front.start(0);
     box.exec();
     if (shown) shown(nullptr);
     return box.clickedButton() == action;
