@@ -14,7 +14,9 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <climits>
+#include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <unistd.h>
 
 namespace quendral {
@@ -214,18 +216,38 @@ std::string readSmallFile(const std::string &path) {
 
 } // namespace
 
+// The memos this process has written or found as they should be. A running
+// server's lock file is judged at every refresh, and the verdict is the same
+// each time: looking at its memo once per process is enough (a memo is
+// removed only once its writer has ended, when no refresh asks for it).
+namespace {
+std::mutex knownMemosMutex;
+std::unordered_map<std::string, std::string> knownMemos;
+constexpr size_t kKnownMemosLimit = 4096;
+} // namespace
+
 void rememberLockWriter(const LockFileVersion &file, const LaunchedProcess &writer) {
     const std::string path = writerMemoPath(file);
     if (path.empty()) return;
     const std::string text = writerMemoText(file, writer);
-    if (readSmallFile(path) == text) return; // the usual case: known already
+    std::lock_guard<std::mutex> lock(knownMemosMutex);
+    const auto known = knownMemos.find(path);
+    if (known != knownMemos.end() && known->second == text) return;
+    if (knownMemos.size() >= kKnownMemosLimit) knownMemos.clear();
+    if (readSmallFile(path) == text) { // known already to another front end
+        knownMemos[path] = text;
+        return;
+    }
     // Written beside and renamed over: a reader sees one memo or the other.
     const std::string temp = path + "." + std::to_string(getpid());
     const int fd = openRecord(temp, O_WRONLY | O_CREAT | O_TRUNC);
     if (fd < 0) return;
     const ssize_t n = sys::retryOnInterrupt([&] { return write(fd, text.data(), text.size()); });
     const bool ok = close(fd) == 0 && n == static_cast<ssize_t>(text.size());
-    if (!ok || rename(temp.c_str(), path.c_str()) != 0) unlink(temp.c_str());
+    if (ok && rename(temp.c_str(), path.c_str()) == 0)
+        knownMemos[path] = text; // tried again at the next verdict otherwise
+    else
+        unlink(temp.c_str());
 }
 
 bool isRememberedLockWriter(const LockFileVersion &file, const LaunchedProcess &writer) {
