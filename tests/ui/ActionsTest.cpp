@@ -227,11 +227,12 @@ TEST_F(Actions, LogItemOpensTheDefaultInstancesLogFile) {
     EXPECT_EQ(urls.urls.at(0), QUrl::fromLocalFile(QString::fromStdString(dir + "/logs/diag.log")));
 }
 
-TEST_F(Actions, UrlThatIsNotAUrlOpensNothing) {
+TEST_F(Actions, UrlThatIsNotAUrlOpensNothingAndSaysSo) {
     UrlCatcher urls;
     launch();
     app->openUrl("http://exa mple.com/%zz");
     EXPECT_TRUE(urls.urls.isEmpty());
+    EXPECT_EQ(log.count("cannot open http://exa mple.com/%zz: not a valid URL"), 1u);
 }
 
 } // namespace
