@@ -96,8 +96,8 @@ void fail(Outcome &o, const std::string &what, bool showLog = false) {
 
 // Why startup() or shutdown() did nothing. A refusal by status reads as it
 // always has ("sales cannot be started (it is running)"); a failure names
-// what failed, in pg_ctl's manner: "sales: cannot start /opt/q/bin/quendral:
-// Permission denied".
+// what failed, the name first and the system's reason last, as service tools
+// say it: "sales: cannot start /opt/q/bin/quendral: Permission denied".
 void failAction(Outcome &o, bool start) {
     const ActionFailure &f = o.instance->failure();
     const std::string name = o.instance->displayName();

@@ -10,10 +10,9 @@
 
 namespace quendralctl {
 
-// Exit statuses, numbered after the LSB init-script convention (which pg_ctl
-// follows too), so scripts written for other services read them the same
-// way. A start or stop of one named instance that is already so fails (1);
-// over --all, an instance already so counts as done.
+// Exit statuses, numbered after the LSB init-script convention, so scripts
+// written for other services read them the same way. A start or stop of one named instance that is
+// already so fails (1); over --all, an instance already so counts as done.
 enum Exit { Ok = 0, Failed = 1, Usage = 2, NotRunning = 3, NoInstance = 4 };
 
 // What each status means, for the help text: written here once, beside

@@ -26,21 +26,43 @@ constexpr const char *kEntryName = "quendral-monitor.desktop";
 // we need to read to the end.
 constexpr size_t kEntryReadLimit = size_t{64} * 1024;
 
-// Writes a file that did not exist, whole or not at all: the text goes to a
-// hidden file beside it (which no list takes for an entry) and is linked in
-// under the name, which fails as an exclusive create would if the name was
-// taken meanwhile. So a session starting, or another front end reading the
-// list, never sees the entry half written. False with errno set when it
-// could not be done (nothing is left behind then).
-bool writeNewFile(const std::string &path, const std::string &text) {
-    const std::string dir = sys::parentDirectory(path);
-    std::string temp = path::append(dir, ".quendral-monitor.XXXXXX");
-    const int fd = mkostemp(temp.data(), O_CLOEXEC);
+// Creates the file exclusively and writes it; removed again when it could not
+// be written whole. False with errno set.
+bool writeInPlace(const std::string &path, const std::string &text) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) return false;
+    int err = sys::writeAll(fd, text.data(), text.size()) ? 0 : errno;
+    if (close(fd) != 0 && err == 0) err = errno;
+    if (err != 0) unlink(path.c_str());
+    errno = err;
+    return err == 0;
+}
+
+// Writes a file that did not exist, whole or not at all: the text goes to a
+// hidden file beside it (which no list takes for an entry) and is moved in
+// under the name only if the name is still free, as an exclusive create
+// would. So a session starting, or another front end reading the list,
+// never sees the entry half written. A file system that can neither move
+// without replacing nor link (vfat, some network file systems) gets the
+// entry written in place, as an exclusive create. False with errno set when
+// it could not be done; nothing is left behind then.
+bool writeNewFile(const std::string &path, const std::string &text) {
+    std::string temp = path::append(sys::parentDirectory(path), ".quendral-monitor.XXXXXX");
+    const int fd = mkostemp(temp.data(), O_CLOEXEC);
+    if (fd < 0) return writeInPlace(path, text);
     int err = fchmod(fd, 0644) == 0 && sys::writeAll(fd, text.data(), text.size()) ? 0 : errno;
     if (close(fd) != 0 && err == 0) err = errno;
-    if (err == 0 && link(temp.c_str(), path.c_str()) != 0) err = errno;
-    unlink(temp.c_str());
+    bool inPlace = false;
+    if (err == 0 &&
+        renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0) {
+        err = errno;
+        if (err == EINVAL || err == ENOSYS || err == ENOTSUP || err == EOPNOTSUPP) {
+            err = link(temp.c_str(), path.c_str()) == 0 ? 0 : errno;
+            inPlace = err == EPERM || err == ENOTSUP || err == EOPNOTSUPP;
+        }
+    }
+    unlink(temp.c_str()); // gone already where it was moved
+    if (inPlace) return writeInPlace(path, text);
     errno = err;
     return err == 0;
 }

@@ -148,13 +148,17 @@ bool couldHaveWritten(const std::optional<timespec> &start, const timespec &mtim
     return start->tv_sec < latest || (start->tv_sec == latest && start->tv_nsec <= mtime.tv_nsec);
 }
 
+bool ProcessHandle::inDescriptorReserve(int fd) {
+    return fd >= descriptorLimit() - kDescriptorReserve;
+}
+
 ProcessHandle::ProcessHandle(pid_t pid) : pid_(pid > 0 ? pid : 0) {
     if (pid_ == 0) return;
     // The handle first, then the start time: if the process is still alive
     // after the time was read, that time is its own and not that of a
     // process which took the pid in between.
     fd_ = pidfdOpen(pid_);
-    if (fd_ >= 0 && fd_ >= descriptorLimit() - kDescriptorReserve) {
+    if (fd_ >= 0 && inDescriptorReserve(fd_)) {
         ::close(fd_);
         fd_ = -1;
     }

@@ -53,6 +53,9 @@ class ProcessHandle {
     // Descriptors below the limit that pidfds leave free: a program holding
     // hundreds of servers must still be able to open a lock file.
     static constexpr int kDescriptorReserve = 64;
+    // Whether fd is one of those last descriptors, which whatever the
+    // monitor keeps open for long leaves to the lock files.
+    static bool inDescriptorReserve(int fd);
 
     ProcessHandle() = default;
     // Holds whichever process has this pid now (none for pid <= 0), and

@@ -250,6 +250,8 @@ bool QuendralInstance::startup() {
     if (lock.state() == StartLock::Unavailable)
         logMessage("start record unavailable: %@", {lock.error()});
     refresh();
+    // What that refresh learnt of an earlier launch is not this start's.
+    _failure = {};
     if (_entryStatus == EntryStatusRemoved) {
         refuse(ActionFailure::Removed, "its configuration file is gone");
         return false;
@@ -275,8 +277,8 @@ bool QuendralInstance::startup() {
 }
 
 bool QuendralInstance::shutdown() {
-    _failure = {};
     refresh();
+    _failure = {};
     if (_serverStatus != ServerStatusRunning) {
         refuse(ActionFailure::NotRunning,
                _serverStatus == ServerStatusStarting ? "it is starting" : "");

@@ -4,6 +4,7 @@
 #include "ExecutableTrust.h"
 #include "Log.h"
 #include "PathUtil.h"
+#include "ProcessHandle.h"
 #include "ServerUnit.h"
 #include "SystemIo.h"
 
@@ -38,8 +39,28 @@ enum : int { kStepDirectory = 1, kStepSession = 2, kStepStreams = 3, kStepProgra
 
 [[noreturn]] void childFails(int report, int step) {
     const ChildFailure f{step, errno};
-    if (report >= 0) (void)sys::retryOnInterrupt([&] { return write(report, &f, sizeof f); });
+    if (report >= 0) {
+        // The parent may have let go of its end: a write then must end this
+        // child with status 1 as every failure does, not by SIGPIPE. Only
+        // now, so that a server never inherits the signal ignored.
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(SIGPIPE, &ignore, nullptr);
+        (void)sys::retryOnInterrupt([&] { return write(report, &f, sizeof f); });
+    }
     _exit(1);
+}
+
+// Closes every descriptor but `keep` (none when it is -1). closefrom finds
+// the open ones itself where the kernel has no close_range (before 5.9) or a
+// container's sandbox refuses it. Safe between fork and exec.
+void closeAllBut(int keep) {
+    if (keep < 0) {
+        closefrom(0);
+        return;
+    }
+    for (int fd = 0; fd < keep; fd++) close(fd);
+    closefrom(keep + 1);
 }
 
 } // namespace
@@ -173,6 +194,13 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
         if (release[0] >= 0) close(release[0]);
         if (report[1] >= 0) close(report[1]);
         launch.pid = child;
+        // Kept until the start concludes: not among the descriptors left to
+        // the lock files, where there would be no report rather than none of
+        // those.
+        if (report[0] >= 0 && ProcessHandle::inDescriptorReserve(report[0])) {
+            close(report[0]);
+            report[0] = -1;
+        }
         launch.report = ExecReport(report[0], executable, directory);
         const UnitMove move = moveIntoOwnScope(child, directory, currentLogIdent());
         launch.unit = move.unit;
@@ -189,24 +217,19 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
         char go;
         (void)sys::retryOnInterrupt([&] { return read(release[0], &go, 1); });
     }
-    // Every descriptor goes but the report's, which is moved above the
-    // standard streams first (it may have been given 0 to 2 if they were
-    // closed): descriptors left open would leak into the server for its
-    // whole life.
-    int keep = report[1] >= 0 ? fcntl(report[1], F_DUPFD_CLOEXEC, 3) : -1;
-    if (keep >= 0) {
-        close_range(0, static_cast<unsigned>(keep) - 1, 0);
-        close_range(static_cast<unsigned>(keep) + 1, ~0U, 0);
-        // The writes on it must not wait on a reader that is gone.
-        (void)fcntl(keep, F_SETFL, O_NONBLOCK);
-    } else {
-        close_range(0, ~0U, 0);
-    }
+    // Every descriptor goes but the report's, which must stand above the
+    // standard streams (it was given one of them if they were closed). If no
+    // descriptor is left to move it to, the child goes on without a report:
+    // the parent then learns nothing of a failure, not a false one.
+    int keep = report[1];
+    if (keep >= 0 && keep < 3) keep = fcntl(keep, F_DUPFD_CLOEXEC, 3);
+    closeAllBut(keep);
     if (chdir(dir) != 0) childFails(keep, kStepDirectory);
     if (setsid() == -1) childFails(keep, kStepSession);
-    if (open("/dev/null", O_RDWR) != 0) childFails(keep, kStepStreams);
-    dup2(0, 1);
-    dup2(0, 2);
+    const int null = open("/dev/null", O_RDWR);
+    if (null < 0) childFails(keep, kStepStreams);
+    if (null != 0 && (dup2(null, 0) != 0 || close(null) != 0)) childFails(keep, kStepStreams);
+    if (dup2(0, 1) != 1 || dup2(0, 2) != 2) childFails(keep, kStepStreams);
     // A server must not inherit the monitor's blocked signals, nor the
     // descriptor limit the monitor raised for itself.
     sigprocmask(SIG_SETMASK, &none, nullptr);

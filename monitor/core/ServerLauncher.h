@@ -15,7 +15,9 @@
 //   - What the child could not do (enter the directory, run the program) it
 //     reports through a close-on-exec pipe before it ends with status 1: the
 //     pipe closes empty when the program runs. ExecReport reads that verdict
-//     without blocking, or waiting a bounded time.
+//     without blocking, or waiting a bounded time. The pipe's end is kept
+//     only until the start concludes, and never among the descriptors
+//     reserved for lock files (ProcessHandle::kDescriptorReserve).
 #pragma once
 
 #include <optional>
@@ -48,8 +50,10 @@ class ExecReport {
     ExecReport &operator=(const ExecReport &) = delete;
 
     // Why the child did not run its program ("cannot start /x/quendral:
-    // Permission denied"), "" when it did; nullopt while that is not known
-    // yet (waiting at most waitMs for it) or there is no report to read.
+    // Permission denied"); "" when it reported no failure (it ran the
+    // program, or in the rarest case had no descriptor left to report on);
+    // nullopt while that is not known yet (waiting at most waitMs for it) or
+    // there is no report to read.
     std::optional<std::string> failure(int waitMs = 0);
 
   private:

@@ -14,7 +14,6 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <climits>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <unistd.h>
@@ -216,26 +215,33 @@ std::string readSmallFile(const std::string &path) {
 
 } // namespace
 
-// The memos this process has written or found as they should be. A running
-// server's lock file is judged at every refresh, and the verdict is the same
-// each time: looking at its memo once per process is enough (a memo is
-// removed only once its writer has ended, when no refresh asks for it).
+// The memos this process has written or found as they should be, and when
+// it last looked. A running server's lock file is judged at every refresh,
+// with the same verdict each time: its memo is looked at again only once a
+// minute. That still puts back a memo that went (a cleaner of old files in
+// /tmp) and keeps it looking used. One thread, as the model.
 namespace {
-std::mutex knownMemosMutex;
-std::unordered_map<std::string, std::string> knownMemos;
+struct KnownMemo {
+    std::string text;
+    std::chrono::steady_clock::time_point seen;
+};
+std::unordered_map<std::string, KnownMemo> knownMemos;
 constexpr size_t kKnownMemosLimit = 4096;
+constexpr auto kMemoRecheck = std::chrono::minutes(1);
 } // namespace
 
 void rememberLockWriter(const LockFileVersion &file, const LaunchedProcess &writer) {
     const std::string path = writerMemoPath(file);
     if (path.empty()) return;
     const std::string text = writerMemoText(file, writer);
-    std::lock_guard<std::mutex> lock(knownMemosMutex);
+    const auto now = std::chrono::steady_clock::now();
     const auto known = knownMemos.find(path);
-    if (known != knownMemos.end() && known->second == text) return;
+    if (known != knownMemos.end() && known->second.text == text &&
+        now - known->second.seen < kMemoRecheck)
+        return;
     if (knownMemos.size() >= kKnownMemosLimit) knownMemos.clear();
-    if (readSmallFile(path) == text) { // known already to another front end
-        knownMemos[path] = text;
+    if (readSmallFile(path) == text) { // as it should be
+        knownMemos[path] = {text, now};
         return;
     }
     // Written beside and renamed over: a reader sees one memo or the other.
@@ -245,7 +251,7 @@ void rememberLockWriter(const LockFileVersion &file, const LaunchedProcess &writ
     const ssize_t n = sys::retryOnInterrupt([&] { return write(fd, text.data(), text.size()); });
     const bool ok = close(fd) == 0 && n == static_cast<ssize_t>(text.size());
     if (ok && rename(temp.c_str(), path.c_str()) == 0)
-        knownMemos[path] = text; // tried again at the next verdict otherwise
+        knownMemos[path] = {text, now}; // tried again at the next verdict otherwise
     else
         unlink(temp.c_str());
 }

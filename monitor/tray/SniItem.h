@@ -81,7 +81,7 @@ class SniItem : public QObject, protected QDBusContext {
     // A host asked for activation at the given point on the screen (a
     // click, where the host does not honour ItemIsMenu).
     void activate(int x, int y);
-    // A host asked for the menu at the given point.
+    // A host asked for the menu at the given point: as activate.
     void contextMenu(int x, int y);
 
   signals:

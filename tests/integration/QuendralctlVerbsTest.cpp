@@ -284,8 +284,12 @@ TEST_F(QuendralctlVerbs, AStartWhoseProgramCannotBeRunSaysWhyAtOnceWithoutAWait)
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "") << "not reported as starting";
     EXPECT_EQ(r.err, "quendralctl: database: cannot start " + program + ": Permission denied\n");
-    // The next start is free to try again: nothing is left starting.
-    EXPECT_EQ(ctl("start").status, 1);
+    // The next start is free to try again, and fails the same way: nothing
+    // is left starting.
+    const CtlResult again = ctl("start");
+    EXPECT_EQ(again.status, 1);
+    EXPECT_EQ(again.err,
+              "quendralctl: database: cannot start " + program + ": Permission denied\n");
 }
 
 TEST_F(QuendralctlVerbs, LogPrintsTheLastLines) {

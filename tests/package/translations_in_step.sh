@@ -10,7 +10,18 @@ trap 'rm -rf "$work"' EXIT
 cp "$root"/packaging/translations/*.ts "$work"/
 (cd "$root" && scripts/update-translations "$work"/*.ts) || { echo "FAIL: lupdate did not run"; exit 1; }
 status=0
-sources() { grep -o '<source>[^<]*' "$1" | sed 's/<source>//' | sort; }
+# Each entry's source text on one line (a line break inside it written \n).
+sources() {
+    awk '
+        /<source>/ { text = ""; open = 1; sub(/.*<source>/, "") }
+        open {
+            line = $0
+            done = sub(/<\/source>.*/, "", line)
+            text = text (text == "" ? "" : "\\n") line
+            if (done) { print text; open = 0 }
+        }
+    ' "$1" | sort
+}
 for ts in "$root"/packaging/translations/*.ts; do
     name=$(basename "$ts")
     if ! diff -q <(sources "$ts") <(sources "$work/$name") >/dev/null; then
