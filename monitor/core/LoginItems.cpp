@@ -56,9 +56,9 @@ bool writeNewFile(const std::string &path, const std::string &text) {
     if (err == 0 &&
         renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0) {
         err = errno;
-        if (err == EINVAL || err == ENOSYS || err == ENOTSUP || err == EOPNOTSUPP) {
+        if (err == EINVAL || err == ENOSYS || err == ENOTSUP) {
             err = link(temp.c_str(), path.c_str()) == 0 ? 0 : errno;
-            inPlace = err == EPERM || err == ENOTSUP || err == EOPNOTSUPP;
+            inPlace = err == EPERM || err == ENOTSUP; // ENOTSUP is EOPNOTSUPP here
         }
     }
     unlink(temp.c_str()); // gone already where it was moved

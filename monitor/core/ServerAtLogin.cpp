@@ -71,7 +71,7 @@ std::string unitArgument(const std::string &arg) {
 
 bool writeWhole(const std::string &path, const std::string &text, std::string &error) {
     std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    std::filesystem::create_directories(sys::parentDirectory(path), ec);
     // Written beside and renamed over, so the manager or the session never
     // reads half a file.
     const std::string temp = path + ".new";
