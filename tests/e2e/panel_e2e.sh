@@ -217,18 +217,8 @@ open_menu 1 || fail "the menu did not open"
 busy=$(qm_wakeups "$monitor_pid" 1)
 [ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 1 s)"
 close_menu || fail "Escape did not close the menu"
-qm_until_idle "$monitor_pid" 15 || fail "the refresh did not stop after the menu closed"
-idle=$(qm_wakeups "$monitor_pid" 3)
-echo "$host: $busy wakeups in 1 s while open, $idle in 3 s after the menu closed (host reports closing: $reports_closing)"
-[ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
+qm_check_idle_after_close 15
+echo "$host: $busy wakeups in 1 s while open, $qm_idle in 3 s after the menu closed (host reports closing: $reports_closing)"
 
-# Quit: the last item.
-open_menu 3 || fail "the menu did not open"
-sleep 0.3
-xdotool key Up Return
-status=0
-qm_until 10 sh -c "! kill -0 $monitor_pid 2>/dev/null" || fail "Quit did not end the monitor"
-wait "$monitor_pid" || status=$?
-[ "$status" -eq 0 ] || fail "quit exited with $status"
-"$ctl" status "R&D" >/dev/null || fail "quitting stopped the server"
+qm_quit_by_last_item 3 "R&D"
 echo "$host: quit exited 0; the server runs on; screenshots in $out"

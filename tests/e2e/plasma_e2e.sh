@@ -144,18 +144,8 @@ for button in 3 1; do
 done
 
 # Plasma says when its menu closed: the refresh ends with it.
-qm_until_idle "$monitor_pid" 5 || fail "the refresh did not stop after the menu closed"
-idle=$(qm_wakeups "$monitor_pid" 3)
-echo "plasma: $idle wakeups in 3 s after the menu closed"
-[ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
+qm_check_idle_after_close 5
+echo "plasma: $qm_idle wakeups in 3 s after the menu closed"
 
-# Quit: the last item, chosen with the keyboard as a user would.
-open_menu 1 || fail "the menu did not open"
-sleep 0.5
-xdotool key Up Return
-status=0
-qm_until 10 sh -c "! kill -0 $monitor_pid 2>/dev/null" || fail "Quit did not end the monitor"
-wait "$monitor_pid" || status=$?
-[ "$status" -eq 0 ] || fail "quit exited with $status"
-"$ctl" status my_db >/dev/null || fail "quitting stopped the server"
+qm_quit_by_last_item 1 my_db
 echo "plasma: quit exited 0; the server runs on; screenshots in $out"

@@ -71,6 +71,26 @@ qm_until_idle() {
     done
 }
 
+# After the menu closed: the monitor goes idle within $1 seconds and stays so.
+qm_check_idle_after_close() {
+    qm_until_idle "$monitor_pid" "$1" || fail "the refresh did not stop after the menu closed"
+    qm_idle=$(qm_wakeups "$monitor_pid" 3)
+    [ "$qm_idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($qm_idle in 3 s)"
+}
+
+# Quit, the menu's last item, chosen with the keyboard after open_menu $1 as
+# a user would: the monitor exits 0 and the server of instance $2 runs on.
+qm_quit_by_last_item() {
+    open_menu "$1" || fail "the menu did not open"
+    sleep 0.5
+    xdotool key Up Return
+    local status=0
+    qm_until 10 sh -c "! kill -0 $monitor_pid 2>/dev/null" || fail "Quit did not end the monitor"
+    wait "$monitor_pid" || status=$?
+    [ "$status" -eq 0 ] || fail "quit exited with $status"
+    "$ctl" status "$2" >/dev/null || fail "quitting stopped the server"
+}
+
 # How often the process $1's main thread woke up during $2 seconds.
 qm_wakeups() {
     local status=/proc/$1/task/$1/status before after

@@ -47,6 +47,16 @@ class ProcessControl : public ::testing::Test {
             waitpid(inst->pid(), nullptr, 0);
         }
     }
+    // Starts an instance whose program has no execute bit (it is launched
+    // all the same) and refreshes until the launch has ended and is gone.
+    void startAProgramThatCannotRunUntilItEnded() {
+        writeFile(instDir + "/quendral", "not a program\n");
+        chmod((instDir + "/quendral").c_str(), 0644);
+        ASSERT_TRUE(inst->startup());
+        const pid_t launched = inst->pid();
+        ASSERT_TRUE(refreshUntil(ServerStatusStopped));
+        EXPECT_TRUE(refreshUntilReaped(launched));
+    }
     // Refreshes until the launched process is gone, zombie included.
     bool refreshUntilReaped(pid_t pid) {
         return waitFor([&] {
@@ -189,12 +199,7 @@ TEST_F(ProcessControl, WithoutAnyExecutableTheBareNameIsLeftToPath) {
 }
 
 TEST_F(ProcessControl, NonExecutableServerInTheInstanceIsUsedAndTheInstanceReturnsToStopped) {
-    writeFile(instDir + "/quendral", "not a program\n");
-    chmod((instDir + "/quendral").c_str(), 0644);
-    ASSERT_TRUE(inst->startup());
-    const pid_t launched = inst->pid();
-    ASSERT_TRUE(refreshUntil(ServerStatusStopped));
-    EXPECT_TRUE(refreshUntilReaped(launched));
+    ASSERT_NO_FATAL_FAILURE(startAProgramThatCannotRunUntilItEnded());
     EXPECT_FALSE(std::filesystem::exists(lck));
 }
 
@@ -238,12 +243,7 @@ TEST_F(ProcessControl, AStartThatConcludedHoldsNoDescriptor) {
     EXPECT_EQ(openDescriptors(), before);
 
     // Nor one whose program could not be run.
-    writeFile(instDir + "/quendral", "not a program\n");
-    chmod((instDir + "/quendral").c_str(), 0644);
-    ASSERT_TRUE(inst->startup());
-    const pid_t launched = inst->pid();
-    ASSERT_TRUE(refreshUntil(ServerStatusStopped));
-    EXPECT_TRUE(refreshUntilReaped(launched));
+    ASSERT_NO_FATAL_FAILURE(startAProgramThatCannotRunUntilItEnded());
     EXPECT_EQ(openDescriptors(), before);
 }
 
