@@ -18,37 +18,35 @@
 #include <ctime>
 #include <optional>
 #include <string>
-#include <utility>
 
 namespace quendral {
 
 class InstanceConfig {
   public:
-    explicit InstanceConfig(std::string directory) : directory_(std::move(directory)) {}
-
     // `value` (or `defaultValue` when there is none) as an absolute path: an
-    // absolute one as it stands, a relative one appended to the directory
-    // and standardised ("~" expanded, "." and ".." and repeated slashes
+    // absolute one as it stands, a relative one appended to `directory` and
+    // standardised ("~" expanded, "." and ".." and repeated slashes
     // resolved).
-    std::string qualify(const std::optional<std::string> &value,
-                        const std::string &defaultValue) const;
+    static std::string qualify(const std::string &directory,
+                               const std::optional<std::string> &value,
+                               const std::string &defaultValue);
 
-    // Whether the configuration file is there and a regular file; reads it
-    // again when it changed (see the contract).
-    bool check();
+    // Whether the configuration file of the instance in `directory` (always
+    // the same one) is there and a regular file; reads it again when it
+    // changed (see the contract).
+    bool check(const std::string &directory);
 
     // The paths from the last read; nullopt before the first.
-    const std::optional<std::string> &lockFile() const { return lockFile_; }
-    const std::optional<std::string> &logFile() const { return logFile_; }
+    const std::optional<std::string> &lockFile() const { return _lckFile; }
+    const std::optional<std::string> &logFile() const { return _logFile; }
 
     // A "quendral.ini" larger than this is not parsed; the default paths apply.
     static constexpr int64_t kSizeLimit = 1 << 20;
 
   private:
-    std::string directory_;
-    std::optional<std::string> lockFile_;
-    std::optional<std::string> logFile_;
-    std::optional<timespec> readAt_; // modification time of the last parse
+    std::optional<std::string> _lckFile;
+    std::optional<std::string> _logFile;
+    std::optional<timespec> _cacheTime; // modification time of the last parse
 };
 
 } // namespace quendral

@@ -41,7 +41,7 @@ const char *statusWord(ServerStatus status) {
 }
 
 QuendralInstance::QuendralInstance(std::string path)
-    : _path(std::move(path)), _config(_path), _displayName(path::lastComponent(_path)) {
+    : _path(std::move(path)), _displayName(path::lastComponent(_path)) {
     _isDefault = _displayName == "database";
 }
 
@@ -53,19 +53,17 @@ std::string QuendralInstance::instanceName() const {
 
 std::string QuendralInstance::qualify(const std::optional<std::string> &value,
                                       const std::string &defaultValue) const {
-    return _config.qualify(value, defaultValue);
+    return InstanceConfig::qualify(_path, value, defaultValue);
 }
 
 bool QuendralInstance::isValid() {
-    if (!_config.check()) return false;
-    _lckFile = _config.lockFile();
-    _logFile = _config.logFile();
-    return true;
+    return _config.check(_path);
 }
 
 std::optional<std::string> QuendralInstance::logFile() {
     if (!isValid()) return std::nullopt;
-    if (_logFile && path::existsNotDirectory(*_logFile)) return _logFile;
+    const auto &log = _config.logFile();
+    if (log && path::existsNotDirectory(*log)) return log;
     return std::nullopt;
 }
 
@@ -74,8 +72,9 @@ int32_t QuendralInstance::pidValueFromLockFile() {
 }
 
 LockFileContent QuendralInstance::readLockFile() {
-    if (!_lckFile) return {};
-    return quendral::readLockFile(*_lckFile);
+    const auto &lock = _config.lockFile();
+    if (!lock) return {};
+    return quendral::readLockFile(*lock);
 }
 
 bool QuendralInstance::writtenBy(const LockFileContent &lock, const ProcessHandle &process) const {
@@ -125,7 +124,7 @@ void QuendralInstance::setStatus(ServerStatus status) {
 }
 
 void QuendralInstance::logStaleLockFile() const {
-    quendral::logStaleLockFile(_lckFile.value_or(""));
+    quendral::logStaleLockFile(_config.lockFile().value_or(""));
 }
 
 bool QuendralInstance::lockFileConfirmsStart() {

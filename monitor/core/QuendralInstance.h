@@ -132,7 +132,7 @@ class QuendralInstance {
     // launched process; once running, the lock file's live writer.
     int32_t pid() const { return _pid.pid(); }
     // The lock file's path once the configuration was read, else nullopt.
-    const std::optional<std::string> &lockFile() const { return _lckFile; }
+    const std::optional<std::string> &lockFile() const { return _config.lockFile(); }
     // A descriptor that turns readable when the server as last known (while
     // starting, the launched process) ends, -1 where there is none (see
     // ProcessHandle::waitDescriptor). Valid until the next refresh, startup
@@ -253,9 +253,8 @@ class QuendralInstance {
     void refuse(ActionFailure::Kind kind, std::string text = {});
 
     std::string _path;
+    // "quendral.ini" as last read: _lckFile, _logFile and _cacheTime.
     quendral::InstanceConfig _config;
-    std::optional<std::string> _lckFile;
-    std::optional<std::string> _logFile;
     // The server as last known, held so that it stays that process.
     quendral::ProcessHandle _pid;
     bool _isDefault = false;

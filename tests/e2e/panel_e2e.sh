@@ -176,15 +176,8 @@ else
 fi
 echo "$host: a left click opens the menu ($left_click_menu draws it), texts exact"
 
-# Opened by a left click, the menu follows a server started from outside.
-"$ctl" start my_db --wait 10 >/dev/null || fail "quendralctl start"
+qm_check_left_click_menu_follows
 follows() { labels | grep -qx "Stop Instance 'my_db'"; }
-qm_until 3 follows || fail "the menu opened by a left click did not follow the start"
-sleep 0.5
-shot menu-left-click-follows
-echo "$host: the menu opened by a left click follows a server started from outside"
-close_menu || fail "Escape did not close the menu"
-"$ctl" stop my_db --wait 10 >/dev/null || fail "quendralctl stop"
 
 # Open: the menu follows a server started from outside.
 open_menu 3 || fail "the menu did not open again"
@@ -213,12 +206,15 @@ echo "$host: the alert came up and Return started the server"
 
 # Closed: the refresh ends and the monitor idles, a second after the menu
 # closed where the panel says so, else once the monitor's stop has passed.
-open_menu 1 || fail "the menu did not open"
-busy=$(qm_wakeups "$monitor_pid" 1)
-[ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 1 s)"
+# The refresh is counted from the click, not from when the screenshots show
+# the menu: that may take longer than the refresh runs.
+xdotool mousemove "$icon_x" "$icon_y" click 1
+busy=$(qm_wakeups "$monitor_pid" 2)
+qm_until 5 panel_menu_open || fail "the menu did not open"
+[ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 2 s)"
 close_menu || fail "Escape did not close the menu"
 qm_check_idle_after_close 15
-echo "$host: $busy wakeups in 1 s while open, $qm_idle in 3 s after the menu closed (host reports closing: $reports_closing)"
+echo "$host: $busy wakeups in 2 s while open, $qm_idle in 3 s after the menu closed (host reports closing: $reports_closing)"
 
 qm_quit_by_last_item 3 "R&D"
 echo "$host: quit exited 0; the server runs on; screenshots in $out"

@@ -239,7 +239,7 @@ item=${item%%/*}
 echo "a monitor started before the tray host registers once it appears"
 
 # A host that never says the menu closed: the refresh runs, then stops by
-# itself within the safety stop (shortened to 3 s here), and the monitor is
+# itself within the safety stop (shortened to 5 s here), and the monitor is
 # idle.
 menu_path=$(prop Menu | grep -o "'/[^']*'" | tr -d "'")
 menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null

@@ -59,7 +59,7 @@ Quit Quendral Monitor"
 
 # The refresh stop for hosts that never say the menu closed, shortened from
 # its 10 s so that the tests wait for the monitor to go idle, not for a clock.
-export QUENDRAL_MONITOR_TEST_SILENT_HOST_MS=3000
+export QUENDRAL_MONITOR_TEST_SILENT_HOST_MS=5000
 
 # Waits until the process $1's main thread is idle (at most one wakeup in two
 # seconds: the open menu's refresh wakes it four times in that time), for at
@@ -69,6 +69,20 @@ qm_until_idle() {
     until [ "$(qm_wakeups "$1" 2)" -le 1 ]; do
         [ $SECONDS -lt $end ] || return 1
     done
+}
+
+# With the menu opened by a left click: it follows a server started from
+# outside; then closed, and the server stopped. Uses the test's qm_labels,
+# shot and close_menu.
+qm_check_left_click_menu_follows() {
+    "$ctl" start my_db --wait 10 >/dev/null || fail "quendralctl start"
+    qm_follows() { qm_labels | grep -qx "Stop Instance 'my_db'"; }
+    qm_until 3 qm_follows || fail "the menu opened by a left click did not follow the start"
+    sleep 0.5
+    shot menu-left-click-follows
+    echo "$qm_host: the menu opened by a left click follows a server started from outside"
+    close_menu || fail "Escape did not close the menu"
+    "$ctl" stop my_db --wait 10 >/dev/null || fail "quendralctl stop"
 }
 
 # After the menu closed: the monitor goes idle within $1 seconds and stays so.

@@ -146,14 +146,8 @@ shot menu-left-click
 [ "$(labels)" = "$expected" ] || fail "menu texts after a left click: $(labels)"
 own_window && fail "a left click showed a window of the monitor's own"
 echo "waybar: a left click opens waybar's menu, texts exact"
-"$ctl" start my_db --wait 10 >/dev/null || fail "quendralctl start"
+qm_check_left_click_menu_follows
 follows() { labels | grep -qx "Stop Instance 'my_db'"; }
-qm_until 3 follows || fail "the menu opened by a left click did not follow the start"
-sleep 0.5
-shot menu-left-click-follows
-echo "waybar: the menu opened by a left click follows a server started from outside"
-close_menu || fail "Escape did not close the menu"
-"$ctl" stop my_db --wait 10 >/dev/null || fail "quendralctl stop"
 
 open_menu || fail "the menu did not open again"
 "$ctl" start my_db --wait 10 >/dev/null || fail "quendralctl start"
@@ -180,15 +174,17 @@ qm_until 10 test -s "$work/home/R&D/quendral.lck" || fail "Return in the alert d
 echo "waybar: the alert came up in front and Return started the server"
 
 # waybar never says that its menu closed: the refresh ends by itself, the
-# silent-host stop after the opening (shortened to 3 s here).
+# silent-host stop after the opening (shortened to 5 s here).
+# The refresh is counted from the click, not from when the screenshots show
+# the menu: that may take longer than the refresh runs.
 click 1
+busy=$(qm_wakeups "$monitor_pid" 2)
 qm_until 5 menu_open || fail "the menu did not open"
-busy=$(qm_wakeups "$monitor_pid" 1)
-[ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 1 s)"
+[ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 2 s)"
 close_menu || fail "Escape did not close the menu"
 qm_until_idle "$monitor_pid" 15 || fail "the refresh did not stop after the menu closed"
 idle=$(qm_wakeups "$monitor_pid" 3)
-echo "waybar: $busy wakeups in 1 s while open, $idle in 3 s once the monitor went idle"
+echo "waybar: $busy wakeups in 2 s while open, $idle in 3 s once the monitor went idle"
 [ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
 
 open_menu || fail "the menu did not open"

@@ -1,5 +1,9 @@
 #include "CfgTestUtil.h"
 
+#include "md5.h"
+
+#include <cstdio>
+
 #include <gtest/gtest.h>
 
 namespace testsupport {
@@ -35,6 +39,21 @@ Handle loadText(const TempDir &dir, std::string_view text, const std::string &na
     const std::string path = dir / name;
     writeFile(path, text);
     return openFile(path);
+}
+
+std::string hex(const unsigned char digest[16]) {
+    char out[33];
+    for (int i = 0; i < 16; i++) std::snprintf(out + 2 * i, 3, "%02x", digest[i]);
+    return out;
+}
+
+std::string md5Hex(const std::string &bytes) {
+    TWK_MD5Context ctx;
+    unsigned char d[16];
+    TWK_MD5Init(&ctx);
+    TWK_MD5Update(&ctx, bytes.data(), static_cast<uint32_t>(bytes.size()));
+    TWK_MD5Final(d, &ctx);
+    return hex(d);
 }
 
 } // namespace testsupport

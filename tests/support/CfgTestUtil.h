@@ -52,4 +52,8 @@ Handle openFile(const std::string &path);
 // Writes text to a file in dir and opens it; fails the test when it cannot.
 Handle loadText(const TempDir &dir, std::string_view text, const std::string &name = "t.ini");
 
+// A 16-byte digest in lower-case hex, and the MD5 of some bytes so written.
+std::string hex(const unsigned char digest[16]);
+std::string md5Hex(const std::string &bytes);
+
 } // namespace testsupport

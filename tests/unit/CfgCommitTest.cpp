@@ -20,23 +20,6 @@ std::string dataFile(const std::string &name) {
     return ss.str();
 }
 
-std::string md5Hex(const std::string &bytes) {
-    TWK_MD5Context ctx;
-    unsigned char d[16];
-    TWK_MD5Init(&ctx);
-    TWK_MD5Update(&ctx, bytes.data(), static_cast<uint32_t>(bytes.size()));
-    TWK_MD5Final(d, &ctx);
-    char hex[33];
-    for (int i = 0; i < 16; i++) snprintf(hex + 2 * i, 3, "%02x", d[i]);
-    return hex;
-}
-
-std::string digestHex(const TWK_CfgHandle *h) {
-    char hex[33];
-    for (int i = 0; i < 16; i++) snprintf(hex + 2 * i, 3, "%02x", h->digest[i]);
-    return hex;
-}
-
 class CfgCommit : public ::testing::Test {
   protected:
     TempDir dir;
@@ -126,7 +109,7 @@ TEST_F(CfgCommit, DigestIsTheMd5OfTheBytesWrittenAndRefreshKeepsTheEdits) {
     ASSERT_EQ(TWK_Cfg_write(h.get(), "a", "y", "2"), 0);
     ASSERT_EQ(TWK_Cfg_commit(h.get()), 0);
     EXPECT_EQ(h->dirty, 0);
-    EXPECT_EQ(digestHex(h.get()), md5Hex(readFile(path)));
+    EXPECT_EQ(hex(h->digest), md5Hex(readFile(path)));
     const std::vector<Entry> edited = entriesOf(h.get());
     EXPECT_EQ(TWK_Cfg_refresh(h.get()), 0);
     EXPECT_EQ(entriesOf(h.get()), edited);

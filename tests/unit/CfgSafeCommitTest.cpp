@@ -63,21 +63,6 @@ int runInChild(const std::function<int()> &body) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-std::string hex(const unsigned char d[16]) {
-    char out[33];
-    for (int i = 0; i < 16; i++) std::snprintf(out + 2 * i, 3, "%02x", d[i]);
-    return out;
-}
-
-std::string md5Hex(const std::string &bytes) {
-    TWK_MD5Context ctx;
-    unsigned char d[16];
-    TWK_MD5Init(&ctx);
-    TWK_MD5Update(&ctx, bytes.data(), static_cast<uint32_t>(bytes.size()));
-    TWK_MD5Final(d, &ctx);
-    return hex(d);
-}
-
 struct stat statOf(const std::string &path) {
     struct stat st {};
     if (stat(path.c_str(), &st) != 0) throw std::runtime_error("stat " + path);
