@@ -3,6 +3,7 @@
 #include "ConfirmationAlert.h"
 #include "DBusMenuExporter.h"
 #include "Environment.h"
+#include "HostMenuWindows.h"
 #include "Localization.h"
 #include "LoginItems.h"
 #include "Log.h"
@@ -14,6 +15,8 @@
 #include <QCoreApplication>
 #include <QCursor>
 #include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCall>
 #include <QDateTime>
 #include <QDesktopServices>
 #include <QGuiApplication>
@@ -47,6 +50,11 @@ Application::Application(std::string bundlePath) : _bundlePath(std::move(bundleP
     connect(_hostWatcher, &TrayHostWatcher::watcherAppeared, this, &Application::watcherAppeared);
     connect(_hostWatcher, &TrayHostWatcher::hostDidRegister, this, &Application::hostRegistered);
     connect(_hostWatcher, &TrayHostWatcher::noTrayTimedOut, this, &Application::noticeMissingTray);
+    _hostMenuWindows = new HostMenuWindows(this);
+    connect(_hostMenuWindows, &HostMenuWindows::menuClosed, this, [this] {
+        // The host's menu is off the screen, though the host did not say.
+        if (!_menu->isVisible()) menuDidClose();
+    });
 }
 
 bool Application::noTrayCheckPending() const {
@@ -132,15 +140,24 @@ void Application::createDBusStatusItem() {
     //   Plasma 5.27: the same as lxqt-panel for a right click; a left click
     //     sends Activate, and when it is refused, AboutToShow(0) and
     //     Event(0, "opened") within milliseconds, and draws the menu.
-    // So the refresh starts at whichever comes first and stops at "closed";
-    // hosts that have never said "closed" (xfce4-panel, waybar) get a stop
-    // kSilentHostRefreshMs after the opening or the last pointing at an item.
+    //   GNOME Shell 43 (AppIndicator extension) and mate-panel 1.26: the
+    //     opening and Event(0, "closed") at each closing.
+    //   Cinnamon 5.6 (xapp-sn-watcher): "closed" after a left click; after a
+    //     right click it never says the menu closed.
+    // So the refresh starts at whichever comes first and stops at "closed".
+    // Where the host never says so (xfce4-panel; Cinnamon after a right
+    // click) the menu is a popup window of the host on X11, and the refresh
+    // stops when that window goes (HostMenuWindows.h). A host that says
+    // nothing on Wayland, where no client sees another's popups (waybar),
+    // gets the stop kSilentHostRefreshMs after the opening or the last
+    // pointing at an item.
     DBusMenuExporter *exporter = _sniItem->menuExporter();
     // The host draws the menu: one of Qt's own, opened because a host asked
     // for activation and was slow to show its own, goes.
     connect(exporter, &DBusMenuExporter::menuAboutToShow, this, [this] {
         if (_menu->isVisible()) _menu->hide();
         menuWillOpen();
+        hostMenuOpening();
     });
     connect(exporter, &DBusMenuExporter::menuOpened, this, [this] {
         // Usually just after AboutToShow, which did the work already.
@@ -148,6 +165,7 @@ void Application::createDBusStatusItem() {
             _menuOpenedAt = now();
         else
             menuWillOpen();
+        hostMenuOpening();
     });
     connect(exporter, &DBusMenuExporter::menuClosed, this, [this] {
         _hostReportsClosing = true;
@@ -189,20 +207,43 @@ void Application::createTrayIcon() {
     if (hostDrawsMenu() || QSystemTrayIcon::isSystemTrayAvailable()) docked();
 }
 
+void Application::hostMenuOpening() {
+    // Only while the refresh runs (an instance is listed) and the menu is
+    // the host's, not one Qt draws.
+    if (_menuUpdateTimer.isActive() && !_menu->isVisible()) _hostMenuWindows->watch();
+}
+
+void Application::moveToDBusStatusItem() {
+    if (!_statusItem || qtExportsMenu() || _sniItem) return;
+    if (!TrayHostWatcher::hostRegistered()) return;
+    // One icon at a time: the XEmbed icon goes before the item is shown.
+    if (_menu->isVisible()) _menu->hide();
+    _statusItem.reset();
+    createDBusStatusItem();
+}
+
 void Application::popUpMenu(int x, int y) {
-    // A host that does not honour ItemIsMenu (lxqt-panel 1.2 never reads it)
-    // and does not draw the menu when activation is refused: on X11 the menu
-    // Qt draws opens at the pointer, as the host's own would.
-    if (!_menu->isVisible()) _menu->popup(QPoint(x, y));
+    // A host that does not honour ItemIsMenu (lxqt-panel 1.2 never reads it,
+    // mate-panel 1.26 and Cinnamon neither) and does not draw the menu when
+    // activation is refused: on X11 the menu Qt draws opens at the point the
+    // host gives, by the icon, as the host's own would. mate-panel gives
+    // (0, 32) wherever its icon is: a point far from the pointer, which is
+    // on the icon just clicked, is not where the user looks.
+    constexpr int kNearPointer = 100;
+    const QPoint given(x, y);
+    const QPoint pointer = QCursor::pos();
+    const QPoint at = (given - pointer).manhattanLength() <= kNearPointer ? given : pointer;
+    if (!_menu->isVisible()) _menu->popup(at);
 }
 
 void Application::hostRegistered() {
     if (_sniItem && !_sniItem->isRegistered()) _sniItem->registerWithWatcher();
     if (!_statusItem && !_sniItem && TrayHostWatcher::hostRegistered()) createDBusStatusItem();
+    moveToDBusStatusItem();
 }
 
 void Application::watcherAppeared() {
-    if (!_statusItem && !_sniItem) {
+    if (!_sniItem && !qtExportsMenu()) {
         hostRegistered();
         return;
     }
@@ -225,6 +266,30 @@ void Application::noticeMissingTray() {
         "No system tray found; the monitor waits for one. On GNOME install the AppIndicator "
         "extension (gnome-shell-extension-appindicator); elsewhere a panel with a system tray "
         "or status notifier area");
+    notifyMissingTray();
+}
+
+void Application::notifyMissingTray() {
+    // Whoever chose the monitor from the application menu does not read the
+    // system log: the desktop's notifications say it, where a notification
+    // server answers. Not waited for: a server that never answers must not
+    // hold the monitor.
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) return;
+    QDBusMessage notify = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.Notifications"),
+        QStringLiteral("/org/freedesktop/Notifications"),
+        QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("Notify"));
+    notify << QStringLiteral("Quendral Monitor") << uint(0) << QStringLiteral("quendral-monitor")
+           << text(QM_TRANSLATE_NOOP("Quendral", "Quendral Monitor is running"))
+           << text(QM_TRANSLATE_NOOP(
+                  "Quendral",
+                  "No system tray shows its icon. On GNOME, install and enable the "
+                  "AppIndicator extension (gnome-shell-extension-appindicator); elsewhere, add "
+                  "a system tray or status notifier area to your panel. The icon appears as "
+                  "soon as there is one."))
+           << QStringList() << QVariantMap() << int(-1);
+    bus.asyncCall(notify);
 }
 
 void Application::setupGlobalEnvironment() {
@@ -308,6 +373,7 @@ void Application::menuWillOpen() {
 
 void Application::menuDidClose() {
     _menuUpdateTimer.stop();
+    _hostMenuWindows->end();
 }
 
 void Application::menuTimerFired() {

@@ -28,6 +28,7 @@
 #include <memory>
 #include <string>
 
+class HostMenuWindows;
 class QMessageBox;
 class SniItem;
 class TrayHostWatcher;
@@ -41,10 +42,13 @@ class Application : public QObject {
     // closed is trusted to say so again; this only bounds the refresh should
     // the message be lost.
     static constexpr int kMenuRefreshLimitMs = 120000;
-    // A host that has never said so (some never do) gets this long after
-    // the opening, or after the pointer last moved over an item. Tests that
-    // drive such a host shorten it with QUENDRAL_MONITOR_TEST_SILENT_HOST_MS
-    // rather than wait this long.
+    // A host that has never said so, and whose menu is no popup the monitor
+    // can see go (waybar on Wayland), gets this long after the opening, or
+    // after the pointer last moved over an item. Such a host gives no sign
+    // either that its menu is still open: shorter, and a menu still being
+    // read would stop following a server that is on its way up (a start
+    // takes seconds). Tests that drive such a host shorten it with
+    // QUENDRAL_MONITOR_TEST_SILENT_HOST_MS rather than wait this long.
     static constexpr int kSilentHostRefreshMs = 10000;
 
     // bundlePath is where the fallback installation "Contents/quendral" is
@@ -117,6 +121,15 @@ class Application : public QObject {
     void createTrayIcon();
     // The tray took the icon: no notice of a missing one is needed.
     void docked();
+    // An icon docked through XEmbed moves to a StatusNotifierItem once a
+    // host is there to show one: XEmbed icons are neither scaled nor themed,
+    // and some hosts show them apart as legacy icons.
+    void moveToDBusStatusItem();
+    // The host opened the menu it draws (it asked for the menu, or said so).
+    void hostMenuOpening();
+    // Tells the user, over the desktop's notifications, that no tray shows
+    // the icon.
+    void notifyMissingTray();
     QAction *addGeneralItem(const char *title, bool enabled);
     // Opens a URL with the desktop's handler; false (and a log line naming
     // it) when it cannot be opened.
@@ -127,8 +140,9 @@ class Application : public QObject {
     std::unique_ptr<QMenu> _menu;
     std::unique_ptr<QSystemTrayIcon> _statusItem;
     std::unique_ptr<SniItem> _sniItem;
-    TrayHostWatcher *_hostWatcher = nullptr; // a child of ours
-    qint64 _psn = 0;                         // our own process
+    TrayHostWatcher *_hostWatcher = nullptr;     // a child of ours
+    HostMenuWindows *_hostMenuWindows = nullptr; // a child of ours
+    qint64 _psn = 0;                             // our own process
     QTimer _menuUpdateTimer;
     bool _inModalDialog = false;
     std::shared_ptr<QuendralInstance> _defaultInstance;

@@ -1,10 +1,13 @@
 #include "SniItem.h"
 
 #include "DBusMenuExporter.h"
+#include "Log.h"
 #include "TrayHostWatcher.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusVariant>
 #include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusPendingCall>
@@ -76,8 +79,19 @@ SniItem::SniItem(const QIcon &icon, const QString &iconName, const QString &tool
     connect(_menuExporter, &DBusMenuExporter::menuOpened, &_activateGrace, &QTimer::stop);
     new SniItemAdaptor(this);
     QDBusConnection bus = QDBusConnection::sessionBus();
+    _uniqueName = bus.baseService();
     _exported = bus.registerObject(QString::fromLatin1(kItemPath), this) &&
                 bus.registerService(_serviceName);
+    if (!_exported) return;
+    // A host that drops the item says so; a watcher that goes or comes
+    // (a panel restarted) starts the count of new registrations afresh.
+    bus.connect(kWatcherService, kWatcherPath, kWatcherService,
+                QStringLiteral("StatusNotifierItemUnregistered"), this,
+                SLOT(watcherDroppedItem(QString)));
+    bus.connect(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+                QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameOwnerChanged"),
+                {kWatcherService}, QString(), this,
+                SLOT(watcherOwnerChanged(QString, QString, QString)));
 }
 
 SniItem::~SniItem() {
@@ -90,7 +104,7 @@ void SniItem::registerWithWatcher() {
     QDBusMessage call =
         QDBusMessage::createMethodCall(kWatcherService, kWatcherPath, kWatcherService,
                                        QStringLiteral("RegisterStatusNotifierItem"));
-    call << _serviceName;
+    call << QString::fromLatin1(kItemPath);
     // Not waited for. A watcher that has just taken its name may not serve
     // its object yet; then the item is registered again when a host
     // registers with that watcher.
@@ -99,9 +113,65 @@ void SniItem::registerWithWatcher() {
         new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call), this);
     connect(pending, &QDBusPendingCallWatcher::finished, this,
             [this](QDBusPendingCallWatcher *done) {
-                _registered = !done->isError();
+                if (!done->isError()) confirmListed();
                 done->deleteLater();
             });
+}
+
+void SniItem::confirmListed() {
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        kWatcherService, kWatcherPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+        QStringLiteral("Get"));
+    get << kWatcherService << QStringLiteral("RegisteredStatusNotifierItems");
+    auto *pending = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(get), this);
+    connect(
+        pending, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *done) {
+            done->deleteLater();
+            const QDBusMessage reply = done->reply();
+            if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+                return; // a watcher without the property: the reply is all it says
+            const QStringList items = qvariant_cast<QDBusVariant>(reply.arguments().constFirst())
+                                          .variant()
+                                          .toStringList();
+            for (const QString &entry : items) {
+                if (!isNamedBy(entry)) continue;
+                _registered = true;
+                emit registrationConfirmed();
+                return;
+            }
+            registerAgain();
+        });
+}
+
+bool SniItem::isNamedBy(const QString &entry) const {
+    const QString path = QString::fromLatin1(kItemPath);
+    for (const QString &name : {_uniqueName, _serviceName}) {
+        if (name.isEmpty()) continue;
+        if (entry == name || entry == name + path || entry == name + QLatin1Char('@') + path)
+            return true;
+    }
+    return false;
+}
+
+void SniItem::watcherDroppedItem(const QString &entry) {
+    if (isNamedBy(entry)) registerAgain();
+}
+
+void SniItem::watcherOwnerChanged(const QString &, const QString &, const QString &newOwner) {
+    // A new watcher (or none): whatever the last one did is forgotten.
+    _reregistrations = 0;
+    if (newOwner.isEmpty()) _registered = false;
+}
+
+void SniItem::registerAgain() {
+    _registered = false;
+    if (_reregistrations >= kMaxReregistrations) return;
+    ++_reregistrations;
+    if (!_dropLogged) {
+        _dropLogged = true;
+        quendral::logMessage("The tray host dropped the monitor's icon; it is registered again");
+    }
+    registerWithWatcher();
 }
 
 void SniItem::activate(int x, int y) {

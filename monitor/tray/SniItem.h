@@ -68,10 +68,25 @@ class SniItem : public QObject, protected QDBusContext {
     QString serviceName() const { return _serviceName; }
     DBusMenuExporter *menuExporter() const { return _menuExporter; }
     // Registers the item with the session's StatusNotifierWatcher, again
-    // each time one appears.
+    // each time one appears. The item is registered by its object path, so
+    // the watcher knows it by the connection's unique name: a host then has
+    // no well-known name to watch, whose first "appeared" report would race
+    // with its reading of the properties (GNOME's AppIndicator extension
+    // clears the Id and Menu it has just read when that report comes late,
+    // then fails to read them again and drops the item for good).
     void registerWithWatcher();
-    // Whether the last registration was accepted.
+    // Whether the last registration was accepted and the watcher lists the
+    // item.
     bool isRegistered() const { return _registered; }
+    // Whether an entry of the watcher's RegisteredStatusNotifierItems, or
+    // of its StatusNotifierItemRegistered/Unregistered signals, names this
+    // item: hosts write it as the service name, "UNIQUE/PATH" or
+    // "UNIQUE@PATH".
+    bool isNamedBy(const QString &entry) const;
+    // How often the item registers again after a host dropped it, per
+    // watcher: a host that drops every registration is not fed forever.
+    static constexpr int kMaxReregistrations = 3;
+    int reregistrations() const { return _reregistrations; }
 
     // How long a host that asked for activation has to show its own menu
     // (Plasma does within a few milliseconds of the refusal) before the
@@ -88,6 +103,12 @@ class SniItem : public QObject, protected QDBusContext {
     // Show the menu Qt draws at that point: only where it can be placed
     // there (X11).
     void activated(int x, int y);
+    // The watcher confirmed that it lists the item.
+    void registrationConfirmed();
+
+  private slots:
+    void watcherDroppedItem(const QString &entry);
+    void watcherOwnerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
 
   public:
     QString toolTipText() const { return _toolTip; }
@@ -95,7 +116,16 @@ class SniItem : public QObject, protected QDBusContext {
     SniIconPixmapList iconPixmaps() const { return _pixmaps; }
 
   private:
+    // Reads the watcher's list once the registration was accepted: the
+    // item counts as registered only when it is there.
+    void confirmListed();
+    // The host dropped the item: register again, within the bound.
+    void registerAgain();
+
     QString _serviceName;
+    QString _uniqueName;
+    int _reregistrations = 0;
+    bool _dropLogged = false;
     QString _iconName;
     QString _toolTip;
     SniIconPixmapList _pixmaps;

@@ -91,5 +91,13 @@
         <source>Cancel</source>
         <translation>Abbrechen</translation>
     </message>
+    <message>
+        <source>Quendral Monitor is running</source>
+        <translation>Quendral Monitor läuft</translation>
+    </message>
+    <message>
+        <source>No system tray shows its icon. On GNOME, install and enable the AppIndicator extension (gnome-shell-extension-appindicator); elsewhere, add a system tray or status notifier area to your panel. The icon appears as soon as there is one.</source>
+        <translation>Keine Systemleiste zeigt sein Symbol. Unter GNOME installieren und aktivieren Sie die Erweiterung AppIndicator (gnome-shell-extension-appindicator); andernfalls fügen Sie Ihrer Leiste einen Infobereich oder Statusbereich hinzu. Das Symbol erscheint, sobald es einen gibt.</translation>
+    </message>
 </context>
 </TS>

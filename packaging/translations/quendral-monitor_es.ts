@@ -91,5 +91,13 @@
         <source>Cancel</source>
         <translation>Cancelar</translation>
     </message>
+    <message>
+        <source>Quendral Monitor is running</source>
+        <translation>Quendral Monitor está en ejecución</translation>
+    </message>
+    <message>
+        <source>No system tray shows its icon. On GNOME, install and enable the AppIndicator extension (gnome-shell-extension-appindicator); elsewhere, add a system tray or status notifier area to your panel. The icon appears as soon as there is one.</source>
+        <translation>Ninguna bandeja del sistema muestra su icono. En GNOME, instale y active la extensión AppIndicator (gnome-shell-extension-appindicator); en otros escritorios, añada a su panel una bandeja del sistema o un área de notificación. El icono aparecerá en cuanto haya una.</translation>
+    </message>
 </context>
 </TS>

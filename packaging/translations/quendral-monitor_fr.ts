@@ -91,5 +91,13 @@
         <source>Cancel</source>
         <translation>Annuler</translation>
     </message>
+    <message>
+        <source>Quendral Monitor is running</source>
+        <translation>Quendral Monitor est en cours d’exécution</translation>
+    </message>
+    <message>
+        <source>No system tray shows its icon. On GNOME, install and enable the AppIndicator extension (gnome-shell-extension-appindicator); elsewhere, add a system tray or status notifier area to your panel. The icon appears as soon as there is one.</source>
+        <translation>Aucune zone de notification n’affiche son icône. Sous GNOME, installez et activez l’extension AppIndicator (gnome-shell-extension-appindicator) ; ailleurs, ajoutez une zone de notification à votre tableau de bord. L’icône apparaît dès qu’il y en a une.</translation>
+    </message>
 </context>
 </TS>

@@ -91,5 +91,13 @@
         <source>Cancel</source>
         <translation>キャンセル</translation>
     </message>
+    <message>
+        <source>Quendral Monitor is running</source>
+        <translation>Quendral Monitor は実行中です</translation>
+    </message>
+    <message>
+        <source>No system tray shows its icon. On GNOME, install and enable the AppIndicator extension (gnome-shell-extension-appindicator); elsewhere, add a system tray or status notifier area to your panel. The icon appears as soon as there is one.</source>
+        <translation>アイコンを表示するシステムトレイがありません。GNOME では AppIndicator 拡張機能 (gnome-shell-extension-appindicator) をインストールして有効にしてください。それ以外ではパネルにシステムトレイまたはステータス通知領域を追加してください。トレイが現れるとすぐにアイコンが表示されます。</translation>
+    </message>
 </context>
 </TS>

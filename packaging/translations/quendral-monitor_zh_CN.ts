@@ -91,5 +91,13 @@
         <source>Cancel</source>
         <translation>取消</translation>
     </message>
+    <message>
+        <source>Quendral Monitor is running</source>
+        <translation>Quendral Monitor 正在运行</translation>
+    </message>
+    <message>
+        <source>No system tray shows its icon. On GNOME, install and enable the AppIndicator extension (gnome-shell-extension-appindicator); elsewhere, add a system tray or status notifier area to your panel. The icon appears as soon as there is one.</source>
+        <translation>没有系统托盘显示其图标。在 GNOME 上，请安装并启用 AppIndicator 扩展（gnome-shell-extension-appindicator）；在其他桌面上，请在面板中添加系统托盘或状态通知区域。一旦有托盘，图标就会出现。</translation>
+    </message>
 </context>
 </TS>

@@ -4,7 +4,7 @@
 
 # Packages every build needs.
 QM_PKGS_BUILD=(cmake ninja-build g++ pkg-config libsystemd-dev libcli11-dev nlohmann-json3-dev librsvg2-bin
-    qt6-base-dev qt6-tools-dev qt6-l10n-tools qt6-tools-dev-tools libgl-dev fonts-dejavu-core)
+    qt6-base-dev qt6-tools-dev qt6-l10n-tools qt6-tools-dev-tools libgl-dev libxcb1-dev fonts-dejavu-core)
 # A tray host on a virtual display: the end-to-end test and the headless
 # preview of scripts/run.
 QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
@@ -12,6 +12,8 @@ QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
 QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils dex
     zsh fish fonts-wqy-microhei weston qt6-wayland
     xfce4-panel xfwm4 xfconf dbus-x11 lxqt-panel openbox plasma-workspace plasma-desktop kded5
+    gnome-shell gnome-shell-extension-appindicator cinnamon xapp-sn-watcher
+    mate-panel marco mate-settings-daemon-common dconf-cli
     sway waybar grim wtype jq libwayland-dev libwayland-bin
     dbus-bin dbus-daemon libglib2.0-bin systemd dbus-user-session haskell-status-notifier-item-utils
     "${QM_PKGS_DISPLAY[@]}")

@@ -61,7 +61,7 @@ item_name() {
 registered() { [ -n "$(item_name)" ]; }
 qm_until 15 registered || { cat "$work/monitor.log"; fail "the monitor registered no item"; }
 item=$(item_name)
-item=${item%%/*} # a bus name, possibly followed by the object path
+item=${item%%[@/]*} # a bus name, possibly followed by the object path
 echo "item registered as $item"
 prop() {
     gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
@@ -143,6 +143,7 @@ activate() {
     gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
         --method org.kde.StatusNotifierItem.Activate 10 10 2>&1
 }
+xdotool mousemove 15 15 # the click the host reports, near the point it gives
 refusal=$(activate) && fail "Activate was not refused: $refusal"
 [[ $refusal == *NotSupported* ]] || fail "Activate failed otherwise: $refusal"
 own_menu() { xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1; }
@@ -153,6 +154,19 @@ xdotool key Escape
 qm_until 5 sh -c "! xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1" ||
     fail "Escape did not close the menu"
 echo "Activate is refused, and where the host then shows nothing the monitor's menu opens at the point"
+# A host that gives a point far from the click (mate-panel gives (0, 32)
+# wherever its icon is): the menu opens at the pointer, on the icon.
+xdotool mousemove 600 400
+gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
+    --method org.kde.StatusNotifierItem.Activate 0 32 >/dev/null 2>&1 || true
+qm_until 5 own_menu || fail "a refused Activate that the host let be opened no menu"
+eval "$(xdotool getwindowgeometry --shell "$(xdotool search --onlyvisible --classname '^quendral-monitor$' | head -1)" | grep -E '^(X|Y)=')"
+[ $((X - 600)) -ge -20 ] && [ $((X - 600)) -le 20 ] && [ $((Y - 400)) -ge -20 ] &&
+    [ $((Y - 400)) -le 20 ] || fail "the menu opened at $X,$Y, not at the pointer (600,400)"
+xdotool key Escape
+qm_until 5 sh -c "! xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1" ||
+    fail "Escape did not close the menu"
+echo "given a point far from the click, the monitor's menu opens at the pointer"
 
 # A host that falls back on the refusal and shows the menu itself (Plasma):
 # the monitor's own never opens. (The monitor's grace is lengthened to 1.5 s
@@ -235,7 +249,7 @@ start_watcher() {
 start_watcher
 qm_until 15 registered || fail "the monitor started before the tray host never registered"
 item=$(item_name)
-item=${item%%/*}
+item=${item%%[@/]*}
 echo "a monitor started before the tray host registers once it appears"
 
 # A host that never says the menu closed: the refresh runs, then stops by

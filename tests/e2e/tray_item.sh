@@ -12,6 +12,19 @@ qm_cleanup() {
     for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
     wait 2>/dev/null || true
 }
+# Desktops start helpers through the session bus (kded5, dconf, the shell's
+# services), not as children of the test: every process of this session
+# bus goes.
+qm_end_session_processes() {
+    local e p
+    for e in /proc/[0-9]*/environ; do
+        tr '\0' '\n' 2>/dev/null <"$e" | grep -qxF "DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS" ||
+            continue
+        p=${e#/proc/}
+        p=${p%/environ}
+        [ "$p" = $$ ] || [ "$p" = "$BASHPID" ] || kill "$p" 2>/dev/null || true
+    done
+}
 fail() {
     echo "FAIL ($qm_host): $*" >&2
     shot failure || true
@@ -34,7 +47,7 @@ qm_find_item() {
         org.kde.StatusNotifierWatcher RegisteredStatusNotifierItems | grep -o "'[^']*'" | head -1 |
         tr -d "'") || true
     [ -n "$item" ] || return 1
-    qm_item_bus=${item%%/*}
+    qm_item_bus=${item%%[@/]*}
     qm_menu_path=$(gdbus call --session --dest "$qm_item_bus" --object-path /StatusNotifierItem \
         --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu |
         grep -o "'/[^']*'" | tr -d "'")

@@ -1,24 +1,26 @@
 #!/usr/bin/env bash
 # The real tray executable in waybar under a headless sway (Wayland), on its
 # own session bus. sway will not run as root, so the session runs as an
-# ordinary user (nobody). The monitor starts before waybar, as at login. A
+# ordinary user (nobody). Run in both orders: the monitor before waybar, as
+# at login, and waybar first, as when the monitor is started from a terminal
+# or the application menu. A
 # user's clicks come through a virtual pointer (vpointer), keys through
 # wtype (the alert's Return); screenshots through grim. Checks: the icon appears; right and left
 # clicks give waybar's menu, never a window of the monitor's own; the texts
 # are exact; the open menu follows a server started from outside, however it
 # was opened; the alert comes up in front and Return starts the server;
-# within the monitor's stop after the menu closed (waybar never says so) the
-# monitor is idle; Quit ends it with status 0.
+# within the monitor's stop after the menu opened (waybar never says it
+# closed) the monitor is idle; Quit ends it with status 0.
 #
-#   wayland_e2e.sh MONITOR QUENDRALCTL DEMO_SERVER VPOINTER OUTPUT_DIR
+#   wayland_e2e.sh panel-first|monitor-first MONITOR QUENDRALCTL DEMO_SERVER VPOINTER OUTPUT_DIR
 set -euo pipefail
 if [ -z "${QM_WAYLAND_INNER:-}" ]; then
     [ "$(id -u)" -eq 0 ] || { echo "runs as root, to become an ordinary user" >&2; exit 1; }
     work=$(mktemp -d /tmp/quendral-wayland.XXXXXX)
-    mkdir -p "$work/run" "$work/user" "$5/waybar"
+    mkdir -p "$work/run" "$work/user" "$6/waybar-$1"
     chmod 700 "$work/run"
     chmod 755 "$work"
-    chown -R nobody:nogroup "$work" "$5/waybar"
+    chown -R nobody:nogroup "$work" "$6/waybar-$1"
     status=0
     setpriv --reuid=nobody --regid=nogroup --clear-groups \
         env -i PATH=/usr/bin:/bin HOME="$work/user" XDG_RUNTIME_DIR="$work/run" \
@@ -30,11 +32,11 @@ if [ -z "${QM_WAYLAND_INNER:-}" ]; then
     rm -rf "$work"
     exit $status
 fi
-monitor=$1 ctl=$2 demo=$3 vpointer=$4 out=$5/waybar
+order=$1 monitor=$2 ctl=$3 demo=$4 vpointer=$5 out=$6/waybar-$1
 work=$QM_WAYLAND_INNER
 . "$(dirname "$0")/../../scripts/lib/xdisplay.sh" # qm_until
 . "$(dirname "$0")/tray_item.sh"
-qm_host=waybar
+qm_host="waybar, $order"
 trap qm_cleanup EXIT
 shot() { grim "$out/$1.png"; }
 
@@ -53,18 +55,34 @@ SWAYSOCK=$(ls "$XDG_RUNTIME_DIR"/sway-ipc.*.sock)
 export QT_QPA_PLATFORM=wayland QUENDRAL_HOME=$work/home QUENDRAL_DEMO_HTTP_PORT=0 \
     XDG_CONFIG_HOME=$work/config
 
-# The login case: the monitor first, then the bar. Under AddressSanitizer,
-# leaks are not looked for here: Qt's Wayland plugin leaves its display
-# objects at exit, partly from a plugin already unloaded when the report is
-# made, which no suppression can name. The monitor's own leaks are looked
-# for by the offscreen and D-Bus tests.
+# Under AddressSanitizer, leaks are not looked for here: Qt's Wayland plugin
+# leaves its display objects at exit, partly from a plugin already unloaded
+# when the report is made, which no suppression can name. The monitor's own
+# leaks are looked for by the offscreen and D-Bus tests.
 [ -z "${ASAN_OPTIONS:-}" ] || export ASAN_OPTIONS="$ASAN_OPTIONS:detect_leaks=0"
-"$monitor" >"$work/monitor.log" 2>&1 &
-monitor_pid=$!
-qm_pids+=($monitor_pid)
-sleep 2
-waybar -c "$work/waybar.json" >"$work/waybar.log" 2>&1 &
-qm_pids+=($!)
+start_monitor() {
+    "$monitor" >"$work/monitor.log" 2>&1 &
+    monitor_pid=$!
+    qm_pids+=($monitor_pid)
+}
+start_bar() {
+    waybar -c "$work/waybar.json" >"$work/waybar.log" 2>&1 &
+    qm_pids+=($!)
+}
+bar_up() {
+    gdbus call --session --dest org.kde.StatusNotifierWatcher --object-path /StatusNotifierWatcher \
+        --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierWatcher \
+        IsStatusNotifierHostRegistered 2>/dev/null | grep -q true
+}
+if [ "$order" = monitor-first ]; then
+    start_monitor
+    sleep 2
+    start_bar
+else
+    start_bar
+    qm_until 30 bar_up || fail "waybar registered no status notifier host"
+    start_monitor
+fi
 
 icon_center() {
     grim "$work/find.png" 2>/dev/null || return 1
@@ -78,7 +96,7 @@ icon_center() {
 icon_shown() { icon_center >/dev/null; }
 qm_until 30 icon_shown || fail "the icon did not appear in waybar"
 read -r icon_x icon_y <<<"$(icon_center)"
-echo "waybar: the icon appears with the monitor started before the bar, at $icon_x,$icon_y"
+echo "$qm_host: the icon appears, at $icon_x,$icon_y"
 shot bar
 # Left of the icon, over the whole height: where waybar's menu opens.
 region="0,0 $((icon_x - 25))x400"
@@ -135,7 +153,7 @@ menu_open || fail "the menu closed by itself"
 shot menu-right-click
 [ "$(labels)" = "$expected" ] || fail "menu texts: $(labels)"
 own_window && fail "a right click showed a window of the monitor's own"
-echo "waybar: a right click opens the menu, texts exact"
+echo "$qm_host: a right click opens the menu, texts exact"
 close_menu || fail "Escape did not close the menu"
 
 click 1
@@ -145,7 +163,7 @@ menu_open || fail "the menu closed by itself after a left click"
 shot menu-left-click
 [ "$(labels)" = "$expected" ] || fail "menu texts after a left click: $(labels)"
 own_window && fail "a left click showed a window of the monitor's own"
-echo "waybar: a left click opens waybar's menu, texts exact"
+echo "$qm_host: a left click opens waybar's menu, texts exact"
 qm_check_left_click_menu_follows
 follows() { labels | grep -qx "Stop Instance 'my_db'"; }
 
@@ -154,7 +172,7 @@ open_menu || fail "the menu did not open again"
 qm_until 3 follows || fail "the open menu did not follow the start"
 sleep 0.5
 shot menu-follows
-echo "waybar: the open menu follows a server started from outside"
+echo "$qm_host: the open menu follows a server started from outside"
 close_menu || fail "Escape did not close the menu"
 "$ctl" stop my_db --wait 10 >/dev/null || fail "quendralctl stop"
 
@@ -171,21 +189,24 @@ shot alert
 # first key; and a key pressed and released at once is missed.
 wtype -s 400 -P Return -s 150 -p Return
 qm_until 10 test -s "$work/home/R&D/quendral.lck" || fail "Return in the alert did not start the server"
-echo "waybar: the alert came up in front and Return started the server"
+echo "$qm_host: the alert came up in front and Return started the server"
 
-# waybar never says that its menu closed: the refresh ends by itself, the
-# silent-host stop after the opening (shortened to 5 s here).
-# The refresh is counted from the click, not from when the screenshots show
-# the menu: that may take longer than the refresh runs.
-click 1
-busy=$(qm_wakeups "$monitor_pid" 2)
-qm_until 5 menu_open || fail "the menu did not open"
-[ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 2 s)"
-close_menu || fail "Escape did not close the menu"
-qm_until_idle "$monitor_pid" 15 || fail "the refresh did not stop after the menu closed"
-idle=$(qm_wakeups "$monitor_pid" 3)
-echo "waybar: $busy wakeups in 2 s while open, $idle in 3 s once the monitor went idle"
-[ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
+# Closed, by either button's menu: waybar never says that its menu closed,
+# and on Wayland no client sees another's popups, so the refresh ends by
+# itself, the silent-host stop after the opening (shortened to 5 s here),
+# and the monitor is idle. The refresh is counted from the click, not from
+# when the screenshots show the menu: that may take longer than it runs.
+for button in 1 3; do
+    click "$button"
+    busy=$(qm_wakeups "$monitor_pid" 2)
+    qm_until 5 menu_open || fail "the menu did not open"
+    [ "$busy" -ge 2 ] || fail "the open menu was not refreshed ($busy wakeups in 2 s)"
+    close_menu || fail "the menu did not close"
+    qm_until_idle "$monitor_pid" 15 || fail "the refresh did not stop after the menu closed"
+    idle=$(qm_wakeups "$monitor_pid" 3)
+    echo "$qm_host: button $button: $busy wakeups in 2 s while open, $idle in 3 s once the monitor went idle"
+    [ "$idle" -le 2 ] || fail "the monitor keeps waking up after the menu closed ($idle in 3 s)"
+done
 
 open_menu || fail "the menu did not open"
 sleep 0.3
@@ -195,4 +216,4 @@ status=0
 wait "$monitor_pid" || status=$?
 [ "$status" -eq 0 ] || fail "quit exited with $status"
 "$ctl" status "R&D" >/dev/null || fail "quitting stopped the server"
-echo "waybar: quit exited 0; the server runs on; screenshots in $out"
+echo "$qm_host: quit exited 0; the server runs on; screenshots in $out"
