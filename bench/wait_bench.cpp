@@ -1,5 +1,6 @@
 // What "quendralctl start --wait" and "stop --wait" add to the server's own
-// time, and what "quendralctl status" costs with every detail.
+// time, what "start --wait --ready" adds beyond the moment the server's
+// socket listens, and what "quendralctl status" costs with every detail.
 //
 // What a wait adds is measured against the same command without a wait,
 // whose end the benchmark watches itself with the events the tool would
@@ -17,6 +18,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
 #include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
@@ -30,6 +32,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <string>
+#include <thread>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -65,8 +68,16 @@ double median(const char *name) {
 // Runs quendralctl with `args` and the extra environment, its output to
 // /dev/null; returns its exit status.
 pid_t spawnCtl(const std::vector<const char *> &args, const std::vector<std::string> &extra = {}) {
+    // An extra variable replaces the environment's own: getenv would find
+    // the first of two.
     std::vector<std::string> env;
-    for (char **e = environ; *e; e++) env.emplace_back(*e);
+    for (char **e = environ; *e; e++) {
+        const std::string kv = *e;
+        const std::string key = kv.substr(0, kv.find('='));
+        if (std::none_of(extra.begin(), extra.end(),
+                         [&](const std::string &x) { return x.starts_with(key + "="); }))
+            env.push_back(kv);
+    }
     env.insert(env.end(), extra.begin(), extra.end());
     std::vector<char *> envp;
     for (auto &e : env) envp.push_back(e.data());
@@ -245,6 +256,52 @@ int freePort() {
     return ntohs(addr.sin_port);
 }
 
+// Whether a connection to the loopback port is taken.
+bool connectsTo(int port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    const bool ok = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    close(fd);
+    return ok;
+}
+
+// "start --wait --ready" of a server that listens 50 ms after writing its
+// lock file: from the moment its socket listens (a thread of the benchmark
+// tries to connect every 20 microseconds) to the tool's exit.
+void BM_StartReadyBeyondListening(benchmark::State &state) {
+    for (auto _ : state) {
+        const int port = freePort();
+        std::atomic<bool> done{false};
+        std::atomic<Clock::rep> listenedAt{0};
+        std::thread prober([&] {
+            while (!done) {
+                if (connectsTo(port)) {
+                    listenedAt = Clock::now().time_since_epoch().count();
+                    return;
+                }
+                std::this_thread::sleep_for(std::chrono::microseconds(20));
+            }
+        });
+        const int status = ctl({"start", "--wait", "10", "--ready"},
+                               {"QUENDRAL_DEMO_HTTP_PORT=" + std::to_string(port),
+                                "QUENDRAL_DEMO_LISTEN_DELAY_MS=50"});
+        const auto exited = Clock::now();
+        done = true;
+        prober.join();
+        if (status != 0 || listenedAt == 0) {
+            state.SkipWithError("start --ready failed");
+        } else {
+            const Clock::time_point listened{Clock::duration(listenedAt.load())};
+            record(state, "ready beyond listening",
+                   std::chrono::duration<double>(exited - listened).count());
+        }
+        if (ctl({"stop", "--wait", "10"}) != 0) state.SkipWithError("stop failed");
+    }
+}
+
 // "quendralctl status" of one running server that listens on a port, every
 // detail read, as a whole process.
 void BM_StatusOfARunningServer(benchmark::State &state) {
@@ -278,6 +335,7 @@ BENCHMARK(BM_ServerExits)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StopThenExit)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StopWaitEvents)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StopWaitPolling)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_StartReadyBeyondListening)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StatusOfARunningServer)->UseManualTime()->Iterations(200);
 BENCHMARK(BM_EmptyProcess)->UseManualTime()->Iterations(200);
 
@@ -325,6 +383,9 @@ int main(int argc, char **argv) {
     std::printf("  stop --wait:  %.2f ms as a whole, adds %.2f ms (events), %.2f ms (polling "
                 "every 50 ms)\n",
                 median("stop events") * 1e3, stopEvents * 1e3, stopPolling * 1e3);
+    const double ready = median("ready beyond listening");
+    std::printf("  start --wait --ready: returns %.2f ms after the server's socket listens\n",
+                ready * 1e3);
     std::printf("  starting a process at all: %.2f ms (an empty one)\n", empty * 1e3);
     std::printf("  status of a running server, every detail: %.2f ms\n", status * 1e3);
     bench::printRatio("start --wait added: events vs polling", startEvents / startPolling, 0,
@@ -334,6 +395,8 @@ int main(int argc, char **argv) {
     // The budgets are absolute: 2 ms added at the median, 5 ms for status.
     ok &= bench::printRatio("start --wait added / 2 ms", startEvents / 2e-3, 1.0, false);
     ok &= bench::printRatio("stop --wait added / 2 ms", stopEvents / 2e-3, 1.0, false);
+    ok &=
+        bench::printRatio("start --wait --ready beyond listening / 2 ms", ready / 2e-3, 1.0, false);
     ok &= bench::printRatio("status (every detail) / 5 ms", status / 5e-3, 1.0, false);
     return ok ? 0 : 1;
 }

@@ -5,6 +5,7 @@
 #include "ServerAtLogin.h"
 #include "LogTail.h"
 #include "Output.h"
+#include "ReadyWait.h"
 #include "ServerFacts.h"
 #include "StatusReport.h"
 #include "WaitEvents.h"
@@ -77,14 +78,17 @@ bool settled(const QuendralInstance &i) {
     return !is(i, ServerStatusStarting) && !is(i, ServerStatusStopping);
 }
 
-// What the user gets for one instance: a line on stdout when it went well,
-// an error line on stderr (then the log's end, for a failed start) when not.
+// What the user gets for one instance: a line on stdout saying what was done
+// ("sales started", "sales already running") when it went well, an error
+// line on stderr (then the log's end, for a failed start) when not.
 struct Outcome {
     explicit Outcome(InstancePtr i) : instance(std::move(i)) {}
     InstancePtr instance;
     bool failed = false;
     std::string error;
     bool showLog = false;
+    std::string done;  // what the line on stdout says
+    bool ours = false; // this command launched or signalled the server
     LogMark logBefore; // the log file as it was before our start
 };
 
@@ -158,73 +162,96 @@ int report(std::vector<Outcome> &outcomes) {
             if (o.showLog) printLogEnd(o);
             code = Failed;
         } else {
-            writeOut(shownOn(STDOUT_FILENO, o.instance->displayName()) + " " +
-                     statusWord(o.instance->serverStatus()) + "\n");
+            writeOut(shownOn(STDOUT_FILENO, o.instance->displayName()) + " " + o.done + "\n");
         }
     }
     return code;
 }
 
 // Starts each stopped instance; with a wait, until it runs, fails or the time
-// is up.
+// is up. As init scripts and service managers do it: an instance already
+// running needs nothing, and a start that another front end has on its way
+// (the tray, another quendralctl) is joined, not refused: with a wait its
+// outcome is waited for as if it were this command's own. Only an instance
+// that cannot get to running is an error.
 std::vector<Outcome> startAll(const Instances &list, const Options &o) {
     if (o.wait > 0)
         waitUntil(
             list, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
             after(o.wait));
     std::vector<Outcome> outcomes;
-    Instances launched;
+    Instances underway; // launched here, or joined
     for (const auto &i : list) {
         Outcome &out = outcomes.emplace_back(i);
         if (is(*i, ServerStatusStopping)) {
             fail(out, "cannot be started while it is stopping");
         } else if (is(*i, ServerStatusStopped) || is(*i, ServerStatusUnknown)) {
             out.logBefore = markLogOf(*i);
-            // Another front end's start, over --all, is as good as ours.
             if (i->startup()) {
+                out.ours = true;
                 // A program that cannot be run is known at once: say so
                 // now rather than "starting", or after the whole wait.
                 if (const auto why = i->launchFailure(kLaunchVerdictWaitMs); why && !why->empty())
                     failAction(out, true);
                 else
-                    launched.push_back(i);
-            } else if (o.all && is(*i, ServerStatusStarting)) {
-                launched.push_back(i);
+                    underway.push_back(i);
+            } else if (is(*i, ServerStatusStarting) ||
+                       i->failure().kind == ActionFailure::StartBeingDecided) {
+                // Another front end got there first, between the look and
+                // the start: its start is joined.
+                out.logBefore = {};
+                underway.push_back(i);
+            } else if (is(*i, ServerStatusRunning)) {
+                out.done = "already running";
             } else {
                 failAction(out, true);
             }
         } else if (is(*i, ServerStatusStarting)) {
-            // Over --all a start in progress is as it should be; asked for
-            // this one instance, starting it again is refused, as for a
-            // running one, and the second server is never launched.
-            if (o.all)
-                launched.push_back(i);
-            else
-                fail(out, "cannot be started: it is already starting");
-        } else if (!o.all) {
-            // Asked for this one instance, a start that has nothing to do
-            // failed; over --all, one already running is as it should be.
-            fail(out, "cannot be started (it is running)");
+            underway.push_back(i);
+        } else {
+            out.done = "already running";
         }
     }
-    if (o.wait > 0) waitUntil(launched, settled, after(o.wait));
+    if (o.wait > 0) waitUntil(underway, settled, after(o.wait));
+    Instances listening;
+    const auto listens = [&](const Outcome &out) {
+        return std::find(listening.begin(), listening.end(), out.instance) != listening.end();
+    };
+    if (o.wait > 0 && o.ready) {
+        // Ready is asked of every server, one already running too: a
+        // script's next pass may come while it is still on its way up.
+        Instances all;
+        for (const Outcome &out : outcomes)
+            if (!out.failed) all.push_back(out.instance);
+        listening = waitUntilListening(all, after(o.wait));
+        for (Outcome &out : outcomes)
+            if (!out.failed && !out.done.empty() && !listens(out))
+                fail(out, "runs but does not listen on a TCP port yet", true);
+    }
     for (Outcome &out : outcomes) {
         if (out.failed ||
-            std::find(launched.begin(), launched.end(), out.instance) == launched.end())
+            std::find(underway.begin(), underway.end(), out.instance) == underway.end())
             continue;
-        if (is(*out.instance, ServerStatusStopped) &&
-            out.instance->failure().kind == ActionFailure::ExecFailed)
+        QuendralInstance &i = *out.instance;
+        if (is(i, ServerStatusStopped) && out.ours && i.failure().kind == ActionFailure::ExecFailed)
             failAction(out, true);
-        else if (is(*out.instance, ServerStatusStopped))
+        else if (is(i, ServerStatusStopped))
             fail(out, "did not start (stopped)", true);
-        else if (o.wait > 0 && is(*out.instance, ServerStatusStarting))
+        else if (o.wait > 0 && is(i, ServerStatusStarting))
             fail(out, "did not start within the time given (starting)", true);
+        else if (o.wait > 0 && o.ready && !listens(out))
+            fail(out, "runs but does not listen on a TCP port yet", true);
+        else if (o.wait > 0 || is(i, ServerStatusRunning))
+            out.done = "started";
+        else
+            out.done = out.ours ? "starting" : "already starting";
     }
     return outcomes;
 }
 
 // Stops each running instance; with a wait, until it has stopped or the time
-// is up.
+// is up. An instance already stopped needs nothing; a stop on its way is
+// joined.
 std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
     if (o.wait > 0)
         waitUntil(
@@ -237,13 +264,21 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
         if (is(*i, ServerStatusStarting)) {
             fail(out, "cannot be stopped while it is starting");
         } else if (is(*i, ServerStatusRunning)) {
-            if (i->shutdown())
+            if (i->shutdown()) {
+                out.ours = true;
                 stopping.push_back(i);
-            else
+            } else if (is(*i, ServerStatusStopped)) {
+                out.done = "already stopped"; // it ended between the look and the stop
+            } else {
                 failAction(out, false);
+            }
         } else if (is(*i, ServerStatusStopping)) {
             stopping.push_back(i);
-        } else if (!o.all) {
+        } else if (is(*i, ServerStatusStopped)) {
+            out.done = "already stopped";
+        } else if (o.all) {
+            out.done = statusWord(i->serverStatus()); // unknown: nothing to stop
+        } else {
             fail(out,
                  std::string("cannot be stopped (it is ") + statusWord(i->serverStatus()) + ")");
         }
@@ -252,10 +287,16 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
         waitUntil(
             stopping, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
             after(o.wait));
-    for (Outcome &out : outcomes)
-        if (!out.failed && o.wait > 0 && !is(*out.instance, ServerStatusStopped))
+    for (Outcome &out : outcomes) {
+        if (out.failed || !out.done.empty()) continue;
+        if (o.wait > 0 && !is(*out.instance, ServerStatusStopped))
             fail(out, std::string("did not stop within the time given (") +
                           statusWord(out.instance->serverStatus()) + ")");
+        else if (is(*out.instance, ServerStatusStopped))
+            out.done = "stopped";
+        else
+            out.done = out.ours ? "stopping" : "already stopping";
+    }
     return outcomes;
 }
 
@@ -453,6 +494,12 @@ int restart(const Instances &all, const Options &o) {
                          [&](const Outcome &f) { return f.instance == i; }))
             startable.push_back(i);
     auto started = startAll(startable, o);
+    // A server stopped here and started again was restarted.
+    for (Outcome &out : started) {
+        if (std::find(running.begin(), running.end(), out.instance) == running.end()) continue;
+        if (out.done == "started") out.done = "restarted";
+        if (out.done == "starting") out.done = "restarting";
+    }
     // Reported in the listing's order.
     outcomes.insert(outcomes.end(), started.begin(), started.end());
     std::vector<Outcome> ordered;

@@ -11,8 +11,11 @@
 namespace quendralctl {
 
 // Exit statuses, numbered after the LSB init-script convention, so scripts
-// written for other services read them the same way. A start or stop of one named instance that is
-// already so fails (1); over --all, an instance already so counts as done.
+// written for other services read them the same way. As there, the actions
+// are idempotent: a start of an instance already running (or being started
+// by another front end) and a stop of one already stopped succeed with
+// nothing done; only an instance that cannot get to the state asked for
+// fails (1).
 enum Exit { Ok = 0, Failed = 1, Usage = 2, NotRunning = 3, NoInstance = 4 };
 
 // What each status means, for the help text: written here once, beside
@@ -43,6 +46,7 @@ struct Options {
     bool json = false;    // --json
     bool names = false;   // --names
     double wait = 0;      // --wait SECONDS, 0 to kMaxWaitSeconds; 0: do not wait
+    bool ready = false;   // --ready: with --wait, until the server listens on TCP
     long lines = 20;      // log -n
     long statusLines = 5; // status -n: the log's lines under the facts
     bool follow = false;

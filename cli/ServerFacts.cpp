@@ -11,10 +11,15 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <netinet/tcp.h>
 #include <netinet/in.h>
 #include <set>
 #include <string_view>
 #include <tuple>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace quendralctl {
@@ -94,15 +99,94 @@ void readTable(const char *path, const char *proto, bool v6, bool tcp,
     }
 }
 
+// The listening TCP sockets of one address family, asked of the kernel's
+// socket diagnostics (netlink): it walks only the table of listening
+// sockets, where /proc/net/tcp walks every bucket of the established ones,
+// which grows with the machine's memory (4 ms a read on a 24 GiB machine).
+// False when the kernel does not answer so (no sock_diag): then the caller
+// reads /proc.
+bool readTcpListeners(int family, std::unordered_map<uint64_t, Endpoint> &into) {
+    const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (fd < 0) return false;
+    struct {
+        nlmsghdr header;
+        inet_diag_req_v2 request;
+    } ask{};
+    ask.header.nlmsg_len = sizeof ask;
+    ask.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    ask.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    ask.request.sdiag_family = static_cast<uint8_t>(family);
+    ask.request.sdiag_protocol = IPPROTO_TCP;
+    ask.request.idiag_states = 1u << TCP_LISTEN;
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    if (sendto(fd, &ask, sizeof ask, 0, reinterpret_cast<sockaddr *>(&kernel), sizeof kernel) !=
+        static_cast<ssize_t>(sizeof ask)) {
+        close(fd);
+        return false;
+    }
+    alignas(nlmsghdr) char buffer[16384];
+    bool ok = false;
+    for (bool done = false; !done;) {
+        const ssize_t n =
+            quendral::sys::retryOnInterrupt([&] { return recv(fd, buffer, sizeof buffer, 0); });
+        if (n <= 0) break;
+        auto *h = reinterpret_cast<nlmsghdr *>(buffer);
+        for (int left = static_cast<int>(n); NLMSG_OK(h, left); h = NLMSG_NEXT(h, left)) {
+            if (h->nlmsg_type == NLMSG_DONE) {
+                ok = done = true;
+                break;
+            }
+            if (h->nlmsg_type == NLMSG_ERROR) {
+                done = true;
+                break;
+            }
+            if (h->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) continue;
+            const auto *m = static_cast<const inet_diag_msg *>(NLMSG_DATA(h));
+            if (m->idiag_inode == 0) continue;
+            char text[INET6_ADDRSTRLEN];
+            if (!inet_ntop(family, m->id.idiag_src, text, sizeof text)) continue;
+            Endpoint e;
+            e.proto = "tcp";
+            e.address = text;
+            e.port = ntohs(m->id.idiag_sport);
+            if (e.port == 0) continue;
+            into.emplace(m->idiag_inode, std::move(e));
+        }
+    }
+    close(fd);
+    return ok;
+}
+
+// Every listening TCP socket, by inode: netlink, else /proc.
+void readTcpListeners(std::unordered_map<uint64_t, Endpoint> &into) {
+    std::unordered_map<uint64_t, Endpoint> found;
+    if (readTcpListeners(AF_INET, found) && readTcpListeners(AF_INET6, found)) {
+        into.merge(found);
+        return;
+    }
+    readTable("/proc/net/tcp", "tcp", false, true, into);
+    readTable("/proc/net/tcp6", "tcp", true, true, into);
+}
+
 } // namespace
 
 void FactsReader::readSocketTables() {
     if (socketsRead_) return;
     socketsRead_ = true;
-    readTable("/proc/net/tcp", "tcp", false, true, listening_);
-    readTable("/proc/net/tcp6", "tcp", true, true, listening_);
+    readTcpListeners(listening_);
     readTable("/proc/net/udp", "udp", false, false, listening_);
     readTable("/proc/net/udp6", "udp", true, false, listening_);
+}
+
+std::vector<uint64_t> FactsReader::tcpListenerInodes() {
+    std::unordered_map<uint64_t, Endpoint> found;
+    readTcpListeners(found);
+    std::vector<uint64_t> inodes;
+    inodes.reserve(found.size());
+    for (const auto &[inode, endpoint] : found) inodes.push_back(inode);
+    std::sort(inodes.begin(), inodes.end());
+    return inodes;
 }
 
 std::vector<pid_t> FactsReader::treeOf(pid_t pid) {
@@ -134,32 +218,40 @@ std::optional<std::vector<Endpoint>> FactsReader::listeningOf(pid_t pid) {
     return listeningOf(treeOf(pid));
 }
 
+std::optional<std::set<uint64_t>> FactsReader::socketsOf(pid_t pid) {
+    std::set<uint64_t> inodes;
+    char path[48];
+    (void)std::snprintf(path, sizeof path, "/proc/%d/fd", static_cast<int>(pid));
+    DIR *d = opendir(path);
+    if (!d) {
+        // Gone since it was found: it holds nothing any more. Anything else
+        // (another user's process) cannot be told.
+        if (errno == ENOENT || errno == ESRCH) return inodes;
+        return std::nullopt;
+    }
+    while (const dirent *e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        char link[64];
+        const ssize_t n = readlinkat(dirfd(d), e->d_name, link, sizeof link - 1);
+        if (n <= 0) continue;
+        link[n] = '\0';
+        constexpr std::string_view kSocket = "socket:[";
+        if (std::string_view(link).starts_with(kSocket)) {
+            char *end = nullptr;
+            const unsigned long long inode = std::strtoull(link + kSocket.size(), &end, 10);
+            if (*end == ']') inodes.insert(inode);
+        }
+    }
+    closedir(d);
+    return inodes;
+}
+
 std::optional<std::vector<Endpoint>> FactsReader::listeningOf(const std::vector<pid_t> &tree) {
     std::set<uint64_t> inodes;
     for (const pid_t p : tree) {
-        char path[48];
-        (void)std::snprintf(path, sizeof path, "/proc/%d/fd", static_cast<int>(p));
-        DIR *d = opendir(path);
-        if (!d) {
-            // Gone since the table was read: it listens nowhere any more.
-            // Anything else (another user's process) cannot be told.
-            if (errno == ENOENT || errno == ESRCH) continue;
-            return std::nullopt;
-        }
-        while (const dirent *e = readdir(d)) {
-            if (e->d_name[0] == '.') continue;
-            char link[64];
-            const ssize_t n = readlinkat(dirfd(d), e->d_name, link, sizeof link - 1);
-            if (n <= 0) continue;
-            link[n] = '\0';
-            constexpr std::string_view kSocket = "socket:[";
-            if (std::string_view(link).starts_with(kSocket)) {
-                char *end = nullptr;
-                const unsigned long long inode = std::strtoull(link + kSocket.size(), &end, 10);
-                if (*end == ']') inodes.insert(inode);
-            }
-        }
-        closedir(d);
+        const auto own = socketsOf(p);
+        if (!own) return std::nullopt;
+        inodes.insert(own->begin(), own->end());
     }
     std::vector<Endpoint> found;
     // A server without sockets costs no look at the tables.

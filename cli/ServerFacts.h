@@ -14,6 +14,7 @@
 #include <ctime>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <unordered_map>
@@ -49,6 +50,15 @@ class FactsReader {
     // The addresses on which the server `pid` and its descendants listen:
     // TCP sockets in the listening state, UDP sockets bound to a port.
     std::optional<std::vector<Endpoint>> listeningOf(pid_t pid);
+
+    // The inodes of every TCP socket of this network namespace in the
+    // listening state, sorted, from the kernel's socket tables alone: cheap
+    // enough to look at often, and what changes when anyone begins to
+    // listen.
+    static std::vector<uint64_t> tcpListenerInodes();
+    // The inodes of the sockets the process `pid` holds; empty when it has
+    // gone, nullopt when its descriptors cannot be read.
+    static std::optional<std::set<uint64_t>> socketsOf(pid_t pid);
 
   private:
     // `pid` first, then its descendants.

@@ -108,7 +108,9 @@ std::string portsText(const std::optional<std::vector<Endpoint>> &listening) {
 }
 
 std::string statusReport(QuendralInstance &i, FactsReader &reader, size_t lines) {
-    std::string out = std::string(statusWord(i.serverStatus())) + "\n";
+    // As `systemctl status` opens with its unit: with several instances in
+    // one terminal, each block says whose it is.
+    std::string out = shown(i.displayName()) + " " + statusWord(i.serverStatus()) + "\n";
     out += label("Directory") + shown(i.directory()) + "\n";
     out +=
         label("Enabled") + (quendral::isEnabledAtLogin(i.directory()) ? "at login" : "no") + "\n";

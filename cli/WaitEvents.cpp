@@ -138,11 +138,14 @@ void WaitEvents::sleep(const std::vector<std::shared_ptr<QuendralInstance>> &pen
     }
     const Clock::time_point until = std::min(deadline, Clock::now() + fallback_);
     for (;;) {
+        // To the nanosecond: poll's milliseconds, rounded up, would sleep
+        // up to a millisecond past a short deadline (the look of --ready).
         const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
-        if (left <= 0) return;
-        const int r =
-            poll(fds.data(), fds.size(), static_cast<int>(std::min<long long>(left, INT_MAX)));
+            std::chrono::duration_cast<std::chrono::nanoseconds>(until - Clock::now());
+        if (left.count() <= 0) return;
+        const timespec timeout{static_cast<time_t>(left.count() / 1000000000),
+                               static_cast<long>(left.count() % 1000000000)};
+        const int r = ppoll(fds.data(), fds.size(), &timeout, nullptr);
         if (r < 0 && errno == EINTR) continue;
         if (r <= 0) return; // the time is up (or poll cannot be used: look again)
         for (const pollfd &p : fds) {

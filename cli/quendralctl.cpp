@@ -83,6 +83,7 @@ int run(int argc, char **argv) {
                "  quendralctl status sales && echo up   exit 0 running, 3 not\n"
                "  quendralctl status sales -n 20        its server, ports and 20 log lines\n"
                "  quendralctl start --wait 10           start the default instance and wait\n"
+               "  quendralctl start --wait 30 --ready   ... until it accepts connections\n"
                "  quendralctl restart --all --wait 20   restart every instance\n"
                "  quendralctl log sales -n 50 -f        the log's end, then what is appended\n"
                "  quendralctl --home /opt/quendral env  what a started server inherits\n"
@@ -116,9 +117,15 @@ int run(int argc, char **argv) {
     for (auto *cmd : {startCmd, stopCmd, restartCmd}) {
         auto *name = cmd->add_option("instance", o.instance, instanceHelp);
         cmd->add_flag("--all", o.all, "Every instance, in the listing's order")->excludes(name);
-        waitOptions.push_back(cmd->add_option("--wait", waitText,
-                                              "Wait up to SECONDS (at most a day; 0: do not wait)")
-                                  ->type_name("SECONDS"));
+        auto *wait = cmd->add_option("--wait", waitText,
+                                     "Wait up to SECONDS (at most a day; 0: do not wait)")
+                         ->type_name("SECONDS");
+        waitOptions.push_back(wait);
+        if (cmd != stopCmd)
+            cmd->add_flag("--ready", o.ready,
+                          "With --wait: until the server listens on a TCP port, as it accepts "
+                          "connections")
+                ->needs(wait);
     }
 
     auto *logCmd = app.add_subcommand("log", "Print the end of an instance's log file");

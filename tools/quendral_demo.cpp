@@ -13,6 +13,9 @@
 //   QUENDRAL_DEMO_START_DELAY_MS=N   write the lock file only after N ms
 //   QUENDRAL_DEMO_IGNORE_TERM=1      ignore SIGTERM
 //   QUENDRAL_DEMO_FAIL=1             exit at once with status 1
+//   QUENDRAL_DEMO_FAIL_AFTER_MS=N    log a failure and exit with status 1 after N ms,
+//                                    never writing the lock file
+//   QUENDRAL_DEMO_LISTEN_DELAY_MS=N  listen only N ms after writing the lock file
 //   QUENDRAL_DEMO_LOCK_PID=N         write N to the lock file instead of our pid
 //   QUENDRAL_DEMO_HTTP_PORT=N        serve on port N instead of 8890 (0: no page)
 //   QUENDRAL_DEMO_ENV_FILE=PATH      write the environment we inherited there
@@ -194,12 +197,22 @@ int main(int argc, char **argv) {
         logLine("Terminated before startup finished");
         return 0;
     }
+    if (const long failAfter = envNumber("QUENDRAL_DEMO_FAIL_AFTER_MS", -1); failAfter >= 0) {
+        // A start that fails on its way up: some time passes, a reason is
+        // logged, no lock file is ever written.
+        for (long waited = 0; waited < failAfter && !termRequested; waited += 10) usleep(10000);
+        logLine("Cannot open the database: demo failure");
+        return 1;
+    }
     if (!writeLockFile(lockPid)) {
         logLine("Cannot write lock file " + lockFile + ": " + std::strerror(errno));
         return 1;
     }
 
     const long port = envNumber("QUENDRAL_DEMO_HTTP_PORT", 8890);
+    // A database writes its lock file before it accepts connections.
+    const long listenDelay = envNumber("QUENDRAL_DEMO_LISTEN_DELAY_MS", 0);
+    for (long waited = 0; waited < listenDelay && !termRequested; waited += 10) usleep(10000);
     const int listener = listenOn(port);
     logLine(listener >= 0 ? "Server online; Dravinter at http://localhost:" + std::to_string(port) +
                                 "/dravinter/"

@@ -55,7 +55,8 @@ _quendralctl() {
     case $verb in
     list) opts="--json --names" ;;
     status) opts="--json -n" ;;
-    start | stop | restart) opts="--all --wait" ;;
+    start | restart) opts="--all --wait --ready" ;;
+    stop) opts="--all --wait" ;;
     log) opts="-n -f" ;;
     enable | disable) opts="--all" ;;
     completion)

@@ -50,6 +50,7 @@ complete -c quendralctl -n "__fish_seen_subcommand_from status" -l json -d 'Prin
 complete -c quendralctl -n "__fish_seen_subcommand_from status" -s n -x -d 'Number of log lines'
 complete -c quendralctl -n "__fish_seen_subcommand_from start stop restart enable disable" -l all -d 'Every instance'
 complete -c quendralctl -n "__fish_seen_subcommand_from start stop restart" -l wait -x -d 'Seconds to wait'
+complete -c quendralctl -n "__fish_seen_subcommand_from start restart" -l ready -d 'With --wait, until the server listens on a TCP port'
 complete -c quendralctl -n "__fish_seen_subcommand_from log" -s n -x -d 'Number of lines'
 complete -c quendralctl -n "__fish_seen_subcommand_from log" -s f -d 'Follow what is appended'
 complete -c quendralctl -n "__fish_seen_subcommand_from completion" -x -a 'bash zsh fish'

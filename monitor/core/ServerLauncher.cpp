@@ -8,6 +8,7 @@
 #include "ServerUnit.h"
 #include "SystemIo.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -204,7 +205,12 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
         launch.report = ExecReport(report[0], executable, directory);
         const UnitMove move = moveIntoOwnScope(child, directory, currentLogIdent());
         launch.unit = move.unit;
-        if (!move.moved)
+        // Where the user has no service manager at all, a server without a
+        // unit is how every server runs: only a manager that is there and
+        // fails is worth a line, and once: a tray that starts servers all
+        // day would otherwise say it at every start.
+        static std::atomic<bool> said{false};
+        if (!move.moved && !move.noManager && !said.exchange(true))
             logMessage("the server of %@ has no unit of its own: %@", {directory, move.why});
         if (release[1] >= 0) close(release[1]);
         return launch;

@@ -84,7 +84,8 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
                           const std::string &launcher) {
     UnitMove result;
     const auto deadline = Clock::now() + std::chrono::milliseconds(kReplyLimitMs);
-    sd_bus *bus = openManagerBus(static_cast<uint64_t>(kReplyLimitMs) * 1000, result.why);
+    sd_bus *bus =
+        openManagerBus(static_cast<uint64_t>(kReplyLimitMs) * 1000, result.why, &result.noManager);
     if (!bus) return result;
 
     const std::string name =
@@ -112,6 +113,7 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
         r = sd_bus_call(bus, call, static_cast<uint64_t>(kReplyLimitMs) * 1000, &error, &reply);
     if (r < 0 && isNoManager(r, error)) {
         result.why = "no service manager on the session bus";
+        result.noManager = true;
     } else if (r < 0) {
         result.why = std::string("the service manager refused a scope: ") +
                      (error.message ? error.message : std::strerror(-r));

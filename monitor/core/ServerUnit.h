@@ -32,6 +32,10 @@ struct UnitMove {
     bool moved = false;
     std::string unit; // the scope's name when moved
     std::string why;  // why not, when not moved
+    // Not moved because the machine has no service manager for the user
+    // (no session bus, none answering on it): normal on a headless server,
+    // over ssh, in a container, and nothing to report.
+    bool noManager = false;
 };
 
 // Moves `pid` (just forked, not yet running its program) into a new scope.

@@ -9,7 +9,8 @@
 
 namespace quendral {
 
-sd_bus *openUserBus(uint64_t timeoutUs, std::string &why) {
+sd_bus *openUserBus(uint64_t timeoutUs, std::string &why, bool *absent) {
+    if (absent) *absent = false;
     std::string address;
     if (const char *env = std::getenv("DBUS_SESSION_BUS_ADDRESS"); env && *env) {
         address = env;
@@ -17,6 +18,7 @@ sd_bus *openUserBus(uint64_t timeoutUs, std::string &why) {
         address = std::string("unix:path=") + runtime + "/bus";
     } else {
         why = "no session bus (neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set)";
+        if (absent) *absent = true;
         return nullptr;
     }
     sd_bus *bus = nullptr;
@@ -28,13 +30,14 @@ sd_bus *openUserBus(uint64_t timeoutUs, std::string &why) {
     if (r >= 0) r = sd_bus_start(bus);
     if (r < 0) {
         why = "cannot reach the session bus: " + std::string(std::strerror(-r));
+        if (absent) *absent = r == -ENOENT || r == -ECONNREFUSED;
         sd_bus_unref(bus);
         return nullptr;
     }
     return bus;
 }
 
-sd_bus *openManagerBus(uint64_t timeoutUs, std::string &why) {
+sd_bus *openManagerBus(uint64_t timeoutUs, std::string &why, bool *absent) {
     if (const char *runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime == '/') {
         const std::string socket = std::string(runtime) + "/systemd/private";
         struct stat st;
@@ -49,7 +52,7 @@ sd_bus *openManagerBus(uint64_t timeoutUs, std::string &why) {
             // A socket left by a manager that has gone: try the bus.
         }
     }
-    return openUserBus(timeoutUs, why);
+    return openUserBus(timeoutUs, why, absent);
 }
 
 sd_bus_message *newManagerCall(sd_bus *bus, const char *member) {

@@ -12,8 +12,10 @@ namespace quendral {
 
 // The bus as sd_bus_open_user finds it (DBUS_SESSION_BUS_ADDRESS, else
 // $XDG_RUNTIME_DIR/bus), or null with `why` set. The caller owns it
-// (sd_bus_flush_close_unref).
-sd_bus *openUserBus(uint64_t timeoutUs, std::string &why);
+// (sd_bus_flush_close_unref). `absent`, where given, says whether the
+// session simply has no bus (no address, no socket, nobody listening on
+// it): normal over ssh, in cron or a container, and no fault to report.
+sd_bus *openUserBus(uint64_t timeoutUs, std::string &why, bool *absent = nullptr);
 
 // A connection to the user's service manager: its own socket
 // ($XDG_RUNTIME_DIR/systemd/private) where it has one, as systemctl and
@@ -21,7 +23,7 @@ sd_bus *openUserBus(uint64_t timeoutUs, std::string &why);
 // The own socket is there as soon as the manager runs, before any bus is up
 // and whatever bus the session has. Null with `why` set when neither can be
 // reached.
-sd_bus *openManagerBus(uint64_t timeoutUs, std::string &why);
+sd_bus *openManagerBus(uint64_t timeoutUs, std::string &why, bool *absent = nullptr);
 
 // A call of the service manager's `member`, arguments still to be appended;
 // null on failure. The bus is asked not to start a manager for it: where

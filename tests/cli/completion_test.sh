@@ -53,6 +53,8 @@ bash -n "$tmp/quendralctl.bash"
 expect "bash loads" 0 $?
 expect "bash verbs" "start${nl}status${nl}stop" "$(bash_complete quendralctl st)"
 expect "bash options" "--json${nl}--names" "$(bash_complete quendralctl list --)"
+expect "bash start options" "--all${nl}--ready${nl}--wait" "$(bash_complete quendralctl start --)"
+expect "bash stop options" "--all${nl}--wait" "$(bash_complete quendralctl stop --)"
 expect "bash names" "database${nl}it\\'s${nl}my\\ db${nl}sales" \
     "$(bash_complete quendralctl --home "$tmp/home" start "")"
 expect "bash name prefix" "my\\ db" "$(bash_complete quendralctl --home "$tmp/home" log m)"
@@ -97,6 +99,7 @@ fish -n "$tmp/quendralctl.fish"
 expect "fish loads" 0 $?
 expect "fish verbs" "start${nl}status${nl}stop" "$(fish_complete 'quendralctl st')"
 expect "fish options" "--all${nl}--wait" "$(fish_complete 'quendralctl stop --')"
+expect "fish start options" "--all${nl}--ready${nl}--wait" "$(fish_complete 'quendralctl start --' | sort)"
 expect "fish names" "database${nl}it's${nl}my db${nl}sales" \
     "$(fish_complete "quendralctl --home $tmp/home restart ")"
 expect "fish names from ~" "database${nl}it's${nl}my db${nl}sales" \

@@ -3,6 +3,10 @@
 #include "ServerUnit.h"
 
 #include <gtest/gtest.h>
+#include <cstring>
+#include <thread>
+#include <sys/un.h>
+#include <sys/socket.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -365,14 +369,46 @@ TEST_F(ProcessControl, ShutdownThatCannotSignalLogsTheErrnoAndStaysRunning) {
 
 namespace {
 
-TEST_F(ProcessControl, WithoutAServiceManagerTheServerStartsAsBeforeWithOneLineSayingWhy) {
+TEST_F(ProcessControl, WithoutAServiceManagerTheServerStartsAsBeforeAndNothingIsSaid) {
+    // No bus at that address: a session without one (ssh, cron, a
+    // container) is normal, and every server there runs without a unit.
     ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home / "no-bus-here");
     ASSERT_TRUE(inst->startup());
     ASSERT_TRUE(refreshUntil(ServerStatusRunning));
+    EXPECT_TRUE(log.lines.empty()) << log.lines[0];
+    EXPECT_EQ(quendral::unitOfProcess(inst->pid()), "") << "still where it was launched";
+}
+
+TEST_F(ProcessControl, ABusThatFailsTheServerStartsAsBeforeWithOneLineSayingWhy) {
+    // Something listens where the bus should be, and hangs up on every
+    // connection: a bus that is there and fails is worth a line.
+    const std::string path = home / "failing-bus";
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof addr.sun_path);
+    std::memcpy(addr.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(listen(listener, 8), 0);
+    std::thread hangingUp([listener] {
+        for (;;) {
+            const int c = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (c < 0) return;
+            close(c);
+        }
+    });
+    ScopedEnv bus("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path);
+    ScopedEnv runtime("XDG_RUNTIME_DIR", home / "no-runtime-here");
+    ASSERT_TRUE(inst->startup());
+    ASSERT_TRUE(refreshUntil(ServerStatusRunning));
+    shutdown(listener, SHUT_RDWR);
+    close(listener);
+    hangingUp.join();
     ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_TRUE(log.lines[0].starts_with("the server of " + instDir +
-                                         " has no unit of its own: cannot reach the session bus"))
+    EXPECT_TRUE(log.lines[0].starts_with("the server of " + instDir + " has no unit of its own: "))
         << log.lines[0];
+    EXPECT_NE(log.lines[0].find("not connected"), std::string::npos) << log.lines[0];
     EXPECT_EQ(quendral::unitOfProcess(inst->pid()), "") << "still where it was launched";
 }
 

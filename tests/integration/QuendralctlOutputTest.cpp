@@ -113,7 +113,7 @@ TEST_F(QuendralctlOutput, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
     // A verb's line, an error naming what was typed, and a message of the
     // model naming a path (a lock file left by a server that ended).
     seen = onTerminal("start " + shellQuote(retitle) + " --wait 10");
-    EXPECT_EQ(seen, retitleShown + " running\n");
+    EXPECT_EQ(seen, retitleShown + " started\n");
     seen = onTerminal("status " + shellQuote("no\033such"));
     EXPECT_EQ(seen, "quendralctl: no such instance: no\\033such\n");
     ASSERT_EQ(ctl("stop " + shellQuote(retitle) + " --wait 10").status, 0);
@@ -122,10 +122,10 @@ TEST_F(QuendralctlOutput, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
     ended.killAndReap();
     writeLockFile(retitleDir + "/quendral.lck", endedPid);
     seen = onTerminal("status -n 0 " + shellQuote(retitle));
-    EXPECT_EQ(seen, "quendralctl: stale .lck file detected: " + home / retitleShown +
-                        "/quendral.lck\nstopped\n    Directory: " + home / retitleShown +
-                        "\n      Enabled: no\n          Log: " + home / retitleShown +
-                        "/quendral.log\n");
+    EXPECT_EQ(seen,
+              "quendralctl: stale .lck file detected: " + home / retitleShown + "/quendral.lck\n" +
+                  retitleShown + " stopped\n    Directory: " + home / retitleShown +
+                  "\n      Enabled: no\n          Log: " + home / retitleShown + "/quendral.log\n");
 
     // Into a pipe the bytes are kept; JSON escapes them its own way.
     EXPECT_EQ(ctl("list --names").out,

@@ -94,7 +94,7 @@ TEST_F(QuendralctlStatus, ShowsExactlyThePortTheServerListensOn) {
     const CtlResult r =
         statusOnce([](const CtlResult &s) { return fact(s.out, "Listening") != "none"; });
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(firstLine(r.out), "running\n");
+    EXPECT_EQ(shownStatus(r.out), "running\n");
     EXPECT_EQ(fact(r.out, "Listening"), "tcp 127.0.0.1:" + std::to_string(port));
     // One address: the next line is another fact, not a second address.
     EXPECT_NE(r.out.find("Listening: tcp 127.0.0.1:" + std::to_string(port) + "\n          Log: "),
@@ -155,7 +155,7 @@ TEST_F(QuendralctlStatus, ShowsTheLogsLastLinesAsAskedFor) {
     std::string log;
     for (int n = 1; n <= 10; n++) log += "line " + std::to_string(n) + "\n";
     writeFile(dir + "/quendral.log", log);
-    const std::string head = "stopped\n    Directory: " + dir +
+    const std::string head = "database stopped\n    Directory: " + dir +
                              "\n      Enabled: no\n          Log: " + dir + "/quendral.log\n";
     CtlResult r = ctl("status -n 3");
     EXPECT_EQ(r.status, 3);
@@ -198,7 +198,7 @@ TEST_F(QuendralctlStatus, AnotherUsersServerShowsDashesForWhatCannotBeRead) {
         "env " + env + " setpriv --bounding-set=-sys_ptrace,-dac_read_search,-dac_override " +
         shellQuote(QUENDRALCTL_PATH) + " status");
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(firstLine(r.out), "running\n");
+    EXPECT_EQ(shownStatus(r.out), "running\n");
     EXPECT_EQ(fact(r.out, "Server"), std::to_string(server.pid()) + " -");
     EXPECT_EQ(fact(r.out, "Listening"), "-");
     EXPECT_NE(fact(r.out, "Since"), "") << r.out;
@@ -270,7 +270,7 @@ TEST_F(QuendralctlStatus, JsonHasEveryFieldWhenStarting) {
     EXPECT_EQ(i["listening"], nlohmann::json::array());
     // The launched server ends on SIGTERM while it waits.
     kill(i["pid"].get<int>(), SIGTERM);
-    EXPECT_TRUE(waitFor([&] { return firstLine(ctl("status").out) == "stopped\n"; }));
+    EXPECT_TRUE(waitFor([&] { return shownStatus(ctl("status").out) == "stopped\n"; }));
 }
 
 TEST_F(QuendralctlStatus, JsonOfANameThatIsNotUtf8HasTheNewFields) {

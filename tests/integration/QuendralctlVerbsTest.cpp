@@ -151,20 +151,22 @@ TEST_F(QuendralctlVerbs, StatusJsonIsTheInstancesObject) {
     EXPECT_EQ(j["pid"], pidInLockFile(home / "database"));
 }
 
-TEST_F(QuendralctlVerbs, WhatIsAlreadyDoneFailsForOneInstanceButNotOverAll) {
+TEST_F(QuendralctlVerbs, WhatIsAlreadyDoneSucceedsForOneInstanceAndOverAll) {
     makeInstanceDir(home, "database");
     makeInstanceDir(home, "sales");
     CtlResult r = ctl("stop");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "quendralctl: database cannot be stopped (it is stopped)\n");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "database already stopped\n");
+    EXPECT_EQ(r.err, "");
     EXPECT_EQ(ctl("stop --all").status, 0);
     ASSERT_EQ(ctl("start --wait 10").status, 0);
     r = ctl("start");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "quendralctl: database cannot be started (it is running)\n");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "database already running\n");
+    EXPECT_EQ(r.err, "");
     r = ctl("start --all --wait 10");
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "database running\nsales running\n");
+    EXPECT_EQ(r.out, "database already running\nsales started\n");
 }
 
 TEST_F(QuendralctlVerbs, RestartOfARunningInstanceGivesItANewServer) {
@@ -173,7 +175,7 @@ TEST_F(QuendralctlVerbs, RestartOfARunningInstanceGivesItANewServer) {
     const int before = pidInLockFile(dir);
     const CtlResult r = ctl("restart --wait 10");
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "database running\n");
+    EXPECT_EQ(r.out, "database restarted\n");
     const int after = pidInLockFile(dir);
     EXPECT_NE(after, 0);
     EXPECT_NE(after, before);
@@ -197,7 +199,7 @@ TEST_F(QuendralctlVerbs, RestartOfASlowInstanceWaitsForTheNewServer) {
     // when asked again, and running with a new pid at the end.
     const CtlResult r = ctl("restart --wait 10", "QUENDRAL_DEMO_START_DELAY_MS=800");
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "database running\n");
+    EXPECT_EQ(r.out, "database restarted\n");
     EXPECT_NE(pidInLockFile(dir), before);
     // A restart asked while it is still starting waits for that start first.
     ASSERT_EQ(ctl("restart", "QUENDRAL_DEMO_START_DELAY_MS=800").status, 0);
@@ -214,7 +216,8 @@ TEST_F(QuendralctlVerbs, AllActsOnEveryInstanceWithOneLineEach) {
 
     const CtlResult start = ctl("start --all --wait 10");
     EXPECT_EQ(start.status, 1) << "one of them failed";
-    EXPECT_EQ(linesOf(start.out), (std::vector<std::string>{"alpha running", "gamma running"}));
+    EXPECT_EQ(linesOf(start.out),
+              (std::vector<std::string>{"alpha started", "gamma already running"}));
     const auto err = linesOf(start.err);
     ASSERT_FALSE(err.empty());
     EXPECT_EQ(err[0], "quendralctl: broken did not start (stopped)");
@@ -225,8 +228,8 @@ TEST_F(QuendralctlVerbs, AllActsOnEveryInstanceWithOneLineEach) {
 
     const CtlResult stop = ctl("stop --all --wait 10");
     EXPECT_EQ(stop.status, 0) << stop.err;
-    EXPECT_EQ(linesOf(stop.out),
-              (std::vector<std::string>{"alpha stopped", "broken stopped", "gamma stopped"}));
+    EXPECT_EQ(linesOf(stop.out), (std::vector<std::string>{
+                                     "alpha stopped", "broken already stopped", "gamma stopped"}));
     EXPECT_EQ(ctl("start alpha --all").status, 2) << "a name and --all exclude each other";
 }
 

@@ -114,7 +114,7 @@ TEST_F(QuendralctlWait, RestartWithWaitZeroStillStartsANewServer) {
     const CtlResult r = ctl("restart --wait 0");
     EXPECT_EQ(r.status, 0) << r.err;
     // The old server was waited for; the new one is on its way.
-    EXPECT_EQ(r.out, "database starting\n");
+    EXPECT_EQ(r.out, "database restarting\n");
     const char state = processState(before);
     EXPECT_TRUE(state == 0 || state == 'Z') << "the old server has ended; state " << state;
     EXPECT_TRUE(waitFor([&] { return ctl("status").status == 0; }));
@@ -139,7 +139,7 @@ TEST_F(QuendralctlWait, StartWaitEndsWhenTheLockFileIsWritten) {
         runCtl("start --wait 60", kSlowFallback + "QUENDRAL_DEMO_START_DELAY_MS=1500 " + env);
     const auto returned = std::chrono::system_clock::now();
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "database running\n");
+    EXPECT_EQ(r.out, "database started\n");
     struct stat st;
     ASSERT_EQ(stat((dir + "/quendral.lck").c_str(), &st), 0);
     const auto written = std::chrono::system_clock::time_point(
@@ -173,7 +173,7 @@ TEST_F(QuendralctlWait, TheFallbackPollAloneEndsTheWaitWithoutEvents) {
         "QUENDRALCTL_TEST_NO_EVENTS=1 QUENDRALCTL_TEST_FALLBACK_POLL_MS=200 ";
     CtlResult r = runCtl("start --wait 60", polled + "QUENDRAL_DEMO_START_DELAY_MS=500 " + env);
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "database running\n");
+    EXPECT_EQ(r.out, "database started\n");
     r = runCtl("stop --wait 60", polled + env);
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "database stopped\n");

@@ -19,9 +19,11 @@ CtlResult runCtl(const std::string &args, const std::string &env, const std::str
     return runShell(env + " " + shellQuote(binary) + " " + args);
 }
 
-std::string firstLine(const std::string &text) {
+std::string shownStatus(const std::string &text) {
     const size_t end = text.find('\n');
-    return end == std::string::npos ? text : text.substr(0, end + 1);
+    const std::string first = end == std::string::npos ? text : text.substr(0, end + 1);
+    const size_t space = first.rfind(' ');
+    return space == std::string::npos ? first : first.substr(space + 1);
 }
 
 std::string withoutUnitNotices(const std::string &text) {

@@ -28,9 +28,9 @@ CtlResult runShell(const std::string &command);
 // other behaviour compare what the tool writes exactly.
 std::string withoutUnitNotices(const std::string &text);
 
-// The first line of `status`, its newline included: the status word, which
-// the lines of facts after it never change.
-std::string firstLine(const std::string &text);
+// The status word that ends the first line of `status` ("NAME WORD"), its
+// newline included.
+std::string shownStatus(const std::string &text);
 
 // Quotes a path for the shell.
 std::string shellQuote(const std::string &s);
