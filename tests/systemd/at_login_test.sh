@@ -30,6 +30,7 @@ settled_status() { # the instance's status once the login's start has had its ti
     local i s
     for i in $(seq 100); do
         s=$(ctl status "$1" | head -1)
+        s=${s##* } # "NAME WORD"
         [ "$s" = starting ] || break
         sleep 0.1
     done

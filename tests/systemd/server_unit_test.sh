@@ -59,7 +59,7 @@ echo "server $pid in $unit"
 case "$unit" in app-quendralctl-quendral-*.scope) ;; *) fail "server $pid is in '$unit'" ;; esac
 description=$(um_run systemctl --user show -P Description "$unit")
 [ "$description" = "Quendral server of $home/database" ] || fail "description '$description'"
-[ "$(ctl status database | head -n 1)" = "running" ] || fail "status: $(ctl status database)"
+[ "$(ctl status database | head -n 1)" = "database running" ] || fail "status: $(ctl status database)"
 ctl status database | grep -qxF "         Unit: $unit" ||
     fail "status does not name the unit: $(ctl status database)"
 ctl status database --json | grep -qF "\"unit\": \"$unit\"" ||
