@@ -1,5 +1,7 @@
 #include "Output.h"
 
+#include "Utf8.h"
+
 #include <iostream>
 
 #include <cerrno>
@@ -7,6 +9,8 @@
 #include <unistd.h>
 
 namespace quendralctl {
+
+using quendral::utf8Length;
 
 namespace {
 int firstError = 0;
@@ -45,29 +49,6 @@ int outputError() {
 }
 
 namespace {
-
-// The length of the valid UTF-8 character at the start of `s`, 0 when there
-// is none (a stray, overlong or surrogate sequence, or one cut short).
-size_t utf8Length(std::string_view s) {
-    const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
-    const auto cont = [&](size_t i) { return i < s.size() && (byte(i) & 0xC0) == 0x80; };
-    const unsigned char b = byte(0);
-    if (b < 0x80) return 1;
-    if (b >= 0xC2 && b <= 0xDF) return cont(1) ? 2 : 0;
-    if (b >= 0xE0 && b <= 0xEF) {
-        if (!cont(1) || !cont(2)) return 0;
-        if (b == 0xE0 && byte(1) < 0xA0) return 0; // overlong
-        if (b == 0xED && byte(1) > 0x9F) return 0; // a surrogate
-        return 3;
-    }
-    if (b >= 0xF0 && b <= 0xF4) {
-        if (!cont(1) || !cont(2) || !cont(3)) return 0;
-        if (b == 0xF0 && byte(1) < 0x90) return 0; // overlong
-        if (b == 0xF4 && byte(1) > 0x8F) return 0; // beyond U+10FFFF
-        return 4;
-    }
-    return 0;
-}
 
 void appendOctal(std::string &out, unsigned char b) {
     out += '\\';

@@ -166,8 +166,9 @@ ProcessHandle::ProcessHandle(pid_t pid) : pid_(pid > 0 ? pid : 0) {
         startTicks_ = stat->startTicks;
         start_ = startTimeFromTicks(stat->startTicks);
     }
-    // Asked once: whether a process is ours does not change while it runs.
-    ours_ = (fd_ >= 0 ? pidfdSendSignal(fd_, 0) : kill(pid_, 0)) == 0;
+    // Asked once. EPERM: it exists, as another user's.
+    const int probe = fd_ >= 0 ? pidfdSendSignal(fd_, 0) : kill(pid_, 0);
+    exists_ = probe == 0 || errno == EPERM;
 }
 
 ProcessHandle::~ProcessHandle() {
@@ -176,7 +177,7 @@ ProcessHandle::~ProcessHandle() {
 
 ProcessHandle::ProcessHandle(ProcessHandle &&other) noexcept
     : pid_(std::exchange(other.pid_, 0)), fd_(std::exchange(other.fd_, -1)),
-      ours_(std::exchange(other.ours_, false)),
+      exists_(std::exchange(other.exists_, false)),
       startTicks_(std::exchange(other.startTicks_, std::nullopt)),
       start_(std::exchange(other.start_, std::nullopt)),
       user_(std::exchange(other.user_, std::nullopt)) {}
@@ -186,7 +187,7 @@ ProcessHandle &ProcessHandle::operator=(ProcessHandle &&other) noexcept {
         close();
         pid_ = std::exchange(other.pid_, 0);
         fd_ = std::exchange(other.fd_, -1);
-        ours_ = std::exchange(other.ours_, false);
+        exists_ = std::exchange(other.exists_, false);
         startTicks_ = std::exchange(other.startTicks_, std::nullopt);
         start_ = std::exchange(other.start_, std::nullopt);
         user_ = std::exchange(other.user_, std::nullopt);
@@ -207,7 +208,7 @@ int ProcessHandle::signal(int sig) const {
 }
 
 bool ProcessHandle::alive() const {
-    if (pid_ <= 0 || !ours_) return false;
+    if (pid_ <= 0 || !exists_) return false;
     if (fd_ >= 0) {
         // A pidfd turns readable when its process ends, before anyone
         // collects it: so a zombie is seen as ended with one system call.
@@ -217,7 +218,7 @@ bool ProcessHandle::alive() const {
     }
     // Without a pidfd the pid alone answers; /proc then tells a zombie,
     // and a start time that changed tells a process that took the pid.
-    if (kill(pid_, 0) != 0) return false;
+    if (kill(pid_, 0) != 0 && errno != EPERM) return false;
     const auto stat = readProcessStat(pid_);
     if (!stat) return true;
     if (hasEnded(stat->state)) return false;

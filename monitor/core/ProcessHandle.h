@@ -70,7 +70,10 @@ class ProcessHandle {
     pid_t pid() const { return pid_; }
     // Whether the process is still running. One that has ended but was not
     // yet collected by its parent (a zombie) has ended. Another user's
-    // process counts as gone, as we may not signal it.
+    // process that runs is alive, though we may not signal it: whether it
+    // is the server is for the lock file's rules to say (its owner, its
+    // time), and two servers on one directory are worse than a stop that
+    // is refused.
     bool alive() const;
     // Sends `sig` to the process: 0, or the errno of the failure (ESRCH once
     // it has ended, even if its pid now belongs to another process).
@@ -85,10 +88,10 @@ class ProcessHandle {
     // when first asked.
     std::optional<uid_t> user() const;
     // A descriptor that turns readable (POLLIN) when the held process ends,
-    // for poll(2) beside others: -1 where there is none (no pidfd) or we may
-    // not signal the process, whose end then has to be found by probing.
+    // for poll(2) beside others: -1 where there is none (no pidfd) or the
+    // process did not exist, whose end then has to be found by probing.
     // Owned by the handle; valid while the handle holds this process.
-    int waitDescriptor() const { return ours_ ? fd_ : -1; }
+    int waitDescriptor() const { return exists_ ? fd_ : -1; }
 
   private:
     void close();
@@ -99,9 +102,10 @@ class ProcessHandle {
     // process may open (kDescriptorReserve). Then the pid is probed with its
     // start time, as it was before pidfds existed.
     int fd_ = -1;
-    // Whether we may signal it at all (not another user's process): asked
-    // once, so that a probe is one system call.
-    bool ours_ = false;
+    // Whether it existed when the handle was made (signal 0 answered, or
+    // refused as another user's): asked once, so that a probe is one
+    // system call.
+    bool exists_ = false;
     std::optional<unsigned long long> startTicks_;
     std::optional<timespec> start_;
     mutable std::optional<std::optional<uid_t>> user_;

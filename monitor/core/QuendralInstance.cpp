@@ -89,9 +89,9 @@ bool QuendralInstance::isRunning(int32_t pid) {
     if (reaped == pid) return false;
     // The known server is asked through its handle: if it ended, a process
     // that has its pid now is someone else. Another user's process (EPERM)
-    // counts as not running either way.
+    // exists: alive means exists.
     if (pid == _pid.pid()) return _pid.alive();
-    return kill(pid, 0) == 0;
+    return kill(pid, 0) == 0 || errno == EPERM;
 }
 
 void QuendralInstance::setStatus(ServerStatus status) {
@@ -214,7 +214,7 @@ std::string QuendralInstance::findExecutable() const {
 int32_t QuendralInstance::launchExecutable(const std::string &executable,
                                            const std::vector<std::string> &options,
                                            const std::string &directory) {
-    Launch launch = launchServer(executable, options, directory);
+    Launch launch = launchServer(executable, options, directory, _onFork);
     _unit = launch.unit;
     _execReport = std::move(launch.report);
     if (launch.pid == 0)
@@ -268,9 +268,13 @@ bool QuendralInstance::startup() {
     }
     // Held from the fork on, so that neither a refresh nor a stop can ever
     // take another process for it.
+    // The start is recorded at the fork, before the launch can wait on the
+    // service manager: a front end killed meanwhile leaves a record that
+    // names the launched process, never a server that nobody can see.
+    _onFork = [&](pid_t child) { _launched = lock.record(child); };
     _pid = ProcessHandle(launchExecutable(executable, {"quendral", "-f"}, _path));
+    _onFork = {};
     if (_pid.pid() == 0) return false; // launchExecutable said why
-    _launched = lock.record(_pid.pid());
     setStatus(ServerStatusStarting);
     return true;
 }

@@ -62,6 +62,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -267,6 +268,8 @@ class QuendralInstance {
     // The launch whose start record this instance made or took up, until
     // that start concludes.
     std::optional<quendral::LaunchedProcess> _launched;
+    // While startup() launches: records the start at the fork.
+    std::function<void(pid_t)> _onFork;
     // The unit of the user's service manager the last launch was moved into.
     std::string _unit;
 };

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace quendral {
@@ -159,7 +160,7 @@ std::optional<std::string> ExecReport::failure(int waitMs) {
 }
 
 Launch launchServer(const std::string &executable, const std::vector<std::string> &options,
-                    const std::string &directory) {
+                    const std::string &directory, const std::function<void(pid_t)> &forked) {
     Launch launch;
     // Everything the child needs is prepared before the fork: between fork
     // and exec it makes system calls only.
@@ -172,12 +173,17 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
     sigset_t none;
     sigemptyset(&none);
     const std::optional<rlimit> descriptors = originalDescriptorLimit();
-    // The child waits on this pipe until it has been moved into a unit of
-    // its own (ServerUnit.h): a server that forks at once must not leave
-    // processes behind in ours. If we die first, the pipe closes and the
-    // child goes on all the same.
+    // The child waits on this channel until it has been moved into a unit
+    // of its own (ServerUnit.h): a server that forks at once must not leave
+    // processes behind in ours. We say "go" once the move is decided. If we
+    // die first (killed while the service manager took its time), the
+    // channel closes without a word and the child ends: the start record
+    // written at the fork names it, and ends with it, so the next front end
+    // finds the instance stopped and no server runs unseen. A socket, so
+    // that saying "go" to a child that has already gone raises no SIGPIPE.
     int release[2];
-    if (pipe2(release, O_CLOEXEC) != 0) release[0] = release[1] = -1;
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, release) != 0)
+        release[0] = release[1] = -1;
     // And it says on this one why it could not run the program; a program
     // that runs closes it (close-on-exec) without a word.
     int report[2];
@@ -195,6 +201,9 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
         if (release[0] >= 0) close(release[0]);
         if (report[1] >= 0) close(report[1]);
         launch.pid = child;
+        // Recorded before anything can wait: the move below may take the
+        // service manager's time.
+        if (forked) forked(child);
         // Kept until the start concludes: not among the descriptors left to
         // the lock files, where there would be no report rather than none of
         // those.
@@ -212,16 +221,22 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
         static std::atomic<bool> said{false};
         if (!move.moved && !move.noManager && !said.exchange(true))
             logMessage("the server of %@ has no unit of its own: %@", {directory, move.why});
-        if (release[1] >= 0) close(release[1]);
+        if (release[1] >= 0) {
+            const char go = 'g';
+            (void)sys::retryOnInterrupt([&] { return send(release[1], &go, 1, MSG_NOSIGNAL); });
+            close(release[1]);
+        }
         return launch;
     }
 
     if (release[0] >= 0) {
-        // Our copy of the write end goes first, or the read below would
+        // Our copy of the parent's end goes first, or the read below would
         // never see the parent close its own.
         close(release[1]);
-        char go;
-        (void)sys::retryOnInterrupt([&] { return read(release[0], &go, 1); });
+        char go = 0;
+        // The front end that launched us went before it said "go": this
+        // start has no one to stand for it but its record, which names us.
+        if (sys::retryOnInterrupt([&] { return read(release[0], &go, 1); }) != 1) _exit(1);
     }
     // Every descriptor goes but the report's, which must stand above the
     // standard streams (it was given one of them if they were closed). If no

@@ -21,6 +21,7 @@
 #pragma once
 
 #include <optional>
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <utility>
@@ -72,8 +73,12 @@ struct Launch {
 // Starts `executable` (searched along PATH only when it has no "/") with
 // `options` as its argument vector, argument 0 first, in `directory`. Logs
 // "cannot start %@: %@" when the fork fails and "the server of %@ has no unit
-// of its own: %@" when it stays in ours.
+// of its own: %@" when a service manager is there and gave it none.
+// `forked`, when given, is called with the child's pid right after the fork,
+// before anything that may wait (the move into a unit); should this process
+// be gone before the move is decided, the child ends without running the
+// program.
 Launch launchServer(const std::string &executable, const std::vector<std::string> &options,
-                    const std::string &directory);
+                    const std::string &directory, const std::function<void(pid_t)> &forked = {});
 
 } // namespace quendral

@@ -109,11 +109,17 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
                                   static_cast<uint64_t>(kStopTimeoutSeconds) * 1000000);
     if (r >= 0) r = sd_bus_message_close_container(call);
     if (r >= 0) r = sd_bus_message_append(call, "a(sa(sv))", 0);
-    if (r >= 0)
-        r = sd_bus_call(bus, call, static_cast<uint64_t>(kReplyLimitMs) * 1000, &error, &reply);
+    // Whatever is left of the bound after connecting: the whole exchange
+    // takes at most kReplyLimitMs.
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+    if (r >= 0 && left <= 0) r = -ETIMEDOUT;
+    if (r >= 0) r = sd_bus_call(bus, call, static_cast<uint64_t>(left), &error, &reply);
     if (r < 0 && isNoManager(r, error)) {
         result.why = "no service manager on the session bus";
         result.noManager = true;
+    } else if (r == -ETIMEDOUT) {
+        result.why = "the service manager did not answer in time";
     } else if (r < 0) {
         result.why = std::string("the service manager refused a scope: ") +
                      (error.message ? error.message : std::strerror(-r));

@@ -1,6 +1,7 @@
 // The user's session bus, where the user's service manager answers, opened
-// so that no call on it can hang its caller: every call, the connection's own
-// greeting included, is bounded by the timeout given.
+// so that nothing on it can hang its caller: connecting, the authentication
+// and the greeting are done here, bounded by the timeout given, and every
+// call after is bounded by it too.
 #pragma once
 
 #include <systemd/sd-bus.h>

@@ -1,6 +1,7 @@
 // What quendralctl must not be talked into: taking PID 1 for a server inside
-// a pid namespace, or taking servers it cannot look at for stopped when it is
-// short of descriptors.
+// a pid namespace, taking another user's live server for a stopped one, or
+// taking servers it cannot look at for stopped when it is short of
+// descriptors.
 #include "CtlRunner.h"
 #include "ModelTestUtil.h"
 
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace testsupport;
@@ -37,6 +39,37 @@ TEST_F(QuendralctlHardening, PidOneOfAPidNamespaceIsNeverTheServer) {
     // Stopped, so a stop has nothing to do: PID 1 is never signalled.
     EXPECT_NE(r.out.find("database already stopped\nstop=0\nalive\n"), std::string::npos)
         << r.out << r.err;
+}
+
+TEST_F(QuendralctlHardening, AnotherUsersLiveServerIsRunningAndNeverStartedTwice) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root, to be the other user";
+    if (!fs::exists("/usr/bin/setpriv")) GTEST_SKIP() << "needs setpriv";
+    const std::string dir = makeInstanceDir(home, "database");
+    // An ordinary user's installation, which root started a server in (as
+    // `sudo quendralctl start` does): the lock file is root's and names
+    // root's live server, which the user may not signal.
+    for (const std::string &p : {home.path(), dir}) ASSERT_EQ(chmod(p.c_str(), 0755), 0);
+    ASSERT_EQ(ctl("start --wait 10").status, 0);
+    const auto servers = processesIn(dir);
+    ASSERT_EQ(servers.size(), 1u);
+    const auto asUser = [&](const std::string &args) {
+        return runShell("env " + env + " setpriv --reuid=65534 --regid=65534 --clear-groups " +
+                        shellQuote(QUENDRALCTL_PATH) + " " + args);
+    };
+    const CtlResult status = asUser("status");
+    EXPECT_EQ(status.status, 0) << status.out << status.err;
+    EXPECT_EQ(shownStatus(status.out), "running\n");
+    EXPECT_EQ(status.err.find("stale"), std::string::npos) << status.err;
+    const CtlResult start = asUser("start --wait 5");
+    EXPECT_EQ(start.status, 0) << start.err;
+    EXPECT_EQ(start.out, "database already running\n");
+    EXPECT_EQ(processesIn(dir), servers) << "no second server on the directory";
+    // Only a stop needs the right to signal, and says it lacks it.
+    const CtlResult stop = asUser("stop");
+    EXPECT_EQ(stop.status, 1);
+    EXPECT_NE(stop.err.find("Operation not permitted"), std::string::npos) << stop.err;
+    EXPECT_EQ(processesIn(dir), servers);
+    EXPECT_EQ(ctl("stop --wait 10").status, 0);
 }
 
 TEST_F(QuendralctlHardening, FewDescriptorsLeftNeverMakeRunningServersStoppedNorStartDuplicates) {

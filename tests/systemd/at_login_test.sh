@@ -29,8 +29,8 @@ unit_for() { echo "quendral-server-$(um_run systemd-escape --path "$home/$1").se
 settled_status() { # the instance's status once the login's start has had its time
     local i s
     for i in $(seq 100); do
-        s=$(ctl status "$1" | head -1)
-        s=${s##* } # "NAME WORD"
+        # From the JSON: a name may hold a newline.
+        s=$(ctl status "$1" --json | sed -n 's/.*"serverStatus": *"\([a-z]*\)".*/\1/p')
         [ "$s" = starting ] || break
         sleep 0.1
     done
@@ -96,5 +96,85 @@ out=$(ctl disable "$home/gone") || fail "disable of a removed instance: $out"
 out=$(ctl disable --all) || fail "disable --all: $out"
 ls "$UM_DIR/home/.config/systemd/user/" | grep -q quendral-server && fail "unit files left"
 ctl stop --all --wait 10 >/dev/null
+
+echo "== no byte of a path changes a unit: newline, %, a trailing backslash, the program's own path"
+units=$UM_DIR/home/.config/systemd/user
+nl=$'x\n[Service]\nExecStartPre=touch PWNED'
+pct='p%u'
+bs='trail\'
+for name in "$nl" "$pct" "$bs"; do
+    mkdir -p "$home/$name"
+    printf '[database]\n' >"$home/$name/quendral.ini"
+done
+# quendralctl itself under a path holding $, quotes, a backslash and %, and
+# under one with a tab: systemd runs no program from the latter two itself.
+oddbin="$UM_DIR/bin \$x \"q\" 'a' \\b 100%"
+tabbin="$UM_DIR/bin"$'\t'"tab"
+mkdir -p "$oddbin" "$tabbin"
+cp "$ctl" "$oddbin/quendralctl"
+cp "$ctl" "$tabbin/quendralctl"
+chmod 755 "$UM_DIR" "$oddbin" "$oddbin/quendralctl" "$tabbin" "$tabbin/quendralctl"
+chown -R "$UM_USER:" "$home"
+out=$(um_run env QUENDRAL_DEMO_HTTP_PORT=0 "$tabbin/quendralctl" --home "$home" enable sales) ||
+    fail "enable from a program under $(printf %q "$tabbin"): $out"
+for name in "$nl" "$pct" "$bs"; do
+    out=$(ctl enable "$home/$name") || fail "enable of a directory named $(printf %q "$name"): $out"
+done
+out=$(um_run env QUENDRAL_DEMO_HTTP_PORT=0 "$oddbin/quendralctl" --home "$home" enable database) ||
+    fail "enable from a program under $(printf %q "$oddbin"): $out"
+for name in "$nl" "$pct" "$bs"; do
+    unit=$(unit_for "$name")
+    [ "$(grep -c '^ExecStart' "$units/$unit")" = 1 ] || fail "$unit: $(cat "$units/$unit")"
+    [ "$(grep -c '^\[' "$units/$unit")" = 3 ] || fail "$unit has sections of a path's: $(cat "$units/$unit")"
+    [ -z "$(um_run systemctl --user show -P ExecStartPre "$unit")" ] || fail "$unit runs a path's command"
+done
+desc=$(um_run systemctl --user show -P Description "$(unit_for "$pct")")
+[ "$desc" = "Quendral server of $home/$pct" ] || fail "a % was read as a specifier: $desc"
+desc=$(um_run systemctl --user show -P Description "$(unit_for "$bs")")
+[ "$desc" = "Quendral server of $home/trail\\x5c" ] || fail "a trailing backslash: $desc"
+um_restart || fail "the manager did not come back"
+for name in "$nl" "$pct" "$bs" database sales; do
+    [ "$(settled_status "$name")" = running ] || fail "$(printf %q "$name") did not start at login: $(cat "$units/$(unit_for "$name")"; um_run systemctl --user show -p Result -p ExecMainStatus -p LoadState -p ActiveState -p UnitFileState -p ExecStart -p LoadError "$(unit_for "$name")")"
+done
+for pwned in "$UM_DIR/home/PWNED" "$home/PWNED" /PWNED; do
+    [ ! -e "$pwned" ] || fail "a directory's name ran a command at login: $pwned"
+done
+out=$(ctl disable --all) || fail "disable --all: $out"
+ctl stop --all --wait 10 >/dev/null
+rm -rf "$home/$nl" "$home/$pct" "$home/$bs"
+
+echo "== a unit name as long as systemd allows"
+prefix=$(um_run systemd-escape --path "$home")
+long=$(printf 'L%.0s' $(seq $((255 - ${#prefix} - 1 - 24))))
+mkdir -p "$home/$long"
+printf '[database]\n' >"$home/$long/quendral.ini"
+chown -R "$UM_USER:" "$home"
+unit=$(unit_for "$long")
+[ ${#unit} -eq 255 ] || fail "the test's unit name has ${#unit} bytes"
+out=$(ctl enable "$home/$long") || fail "enable of a 255-byte unit name: $out"
+[ -f "$units/$unit" ] || fail "no unit file $unit"
+out=$(ctl disable "$home/$long") || fail "disable: $out"
+rm -rf "$home/$long"
+
+echo "== a unit of the user's own is never replaced nor removed"
+mine=$units/$(unit_for sales)
+printf '[Service]\nExecStart=/bin/true\n' >"$mine"
+chown "$UM_USER:" "$mine"
+out=$(ctl enable sales 2>&1) && fail "enable replaced the user's own unit: $out"
+[[ $out == *"is not one quendralctl wrote"* ]] || fail "enable said: $out"
+[ "$(cat "$mine")" = $'[Service]\nExecStart=/bin/true' ] || fail "the user's unit was changed"
+out=$(ctl disable sales 2>&1) && fail "disable removed the user's own unit: $out"
+[ -f "$mine" ] || fail "the user's unit is gone"
+rm -f "$mine"
+
+echo "== a failed enable leaves nothing behind"
+wants=$units/default.target.wants
+mkdir -p "$wants"
+chown "$UM_USER:" "$units" "$wants"
+chmod 500 "$wants"
+out=$(ctl enable sales 2>&1) && fail "enable succeeded where the manager cannot link: $out"
+[ ! -e "$units/$(unit_for sales)" ] || fail "a failed enable left its unit file"
+chmod 700 "$wants"
+out=$(ctl disable sales) || fail "disable after a failed enable: $out"
 
 um_finish

@@ -1,0 +1,18 @@
+// UTF-8 as the formats the monitor writes for others need it: desktop
+// entries and unit files must be UTF-8, a terminal must not be handed bytes
+// it could take for controls.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace quendral {
+
+// The length of the valid UTF-8 character at the start of `s`, 0 when there
+// is none (a stray, overlong or surrogate sequence, or one cut short).
+size_t utf8Length(std::string_view s);
+
+// Whether all of `s` is valid UTF-8.
+bool isValidUtf8(std::string_view s);
+
+} // namespace quendral
