@@ -151,7 +151,7 @@ void printLogEnd(const Outcome &o) {
     const auto path = o.instance->logFile();
     if (!path) return;
     const LogTail tail = readLogTailSince(*path, o.logBefore, kFailureLogLines);
-    if (tail.ok) std::cerr << tail.text;
+    if (tail.ok) std::cerr << linesShownOn(STDERR_FILENO, tail.text);
 }
 
 int report(std::vector<Outcome> &outcomes) {

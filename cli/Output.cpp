@@ -80,6 +80,19 @@ std::string forTerminal(std::string_view text) {
     return out;
 }
 
+std::string linesShownOn(int fd, std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const size_t eol = text.find('\n');
+        out += shownOn(fd, text.substr(0, eol));
+        if (eol == std::string_view::npos) break;
+        out += '\n';
+        text.remove_prefix(eol + 1);
+    }
+    return out;
+}
+
 std::string shownOn(int fd, std::string_view text) {
     // Asked once per descriptor: listings call this for every name.
     static int known[3] = {-1, -1, -1};

@@ -42,4 +42,9 @@ std::string forTerminal(std::string_view text);
 // or a file gets the bytes as they are.
 std::string shownOn(int fd, std::string_view text);
 
+// shownOn for text of several lines (a log's end): each line escaped, the
+// line breaks kept. What a log holds (escape sequences a server or anyone
+// who could write its log put there) never drives the terminal.
+std::string linesShownOn(int fd, std::string_view text);
+
 } // namespace quendralctl

@@ -133,7 +133,7 @@ std::string statusReport(QuendralInstance &i, FactsReader &reader, size_t lines)
                 first = false;
             }
         }
-        if (!unit.empty()) out += label("Unit") + unit + "\n";
+        if (!unit.empty()) out += label("Unit") + shown(unit) + "\n";
     }
     const auto log = i.logFile();
     out += label("Log") + (log ? shown(*log) : "-");
@@ -144,7 +144,7 @@ std::string statusReport(QuendralInstance &i, FactsReader &reader, size_t lines)
         if (!tail.ok) {
             out += " (cannot be read)\n";
         } else if (!tail.text.empty()) {
-            out += "\n\n" + tail.text;
+            out += "\n\n" + linesShownOn(STDOUT_FILENO, tail.text);
         } else {
             out += "\n";
         }

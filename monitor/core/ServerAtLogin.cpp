@@ -65,27 +65,15 @@ void appendHex(std::string &out, unsigned char c) {
     out += hex;
 }
 
-// Text for a unit's free-text fields (Description=). systemd expands "%"
-// specifiers there and reads the file as UTF-8 lines, a trailing backslash
-// joining the next: so "%" is doubled, and control characters, backslashes
-// and bytes that are not UTF-8 are written as visible \xNN, which systemd
-// shows as they stand. No byte of a path can begin a line of its own.
+// Text for a unit's free-text fields (Description=). systemd reads the file
+// as UTF-8 lines, a trailing backslash joining the next, and expands "%"
+// specifiers there: visibleText, with "%" doubled. No byte of a path can
+// begin a line of its own.
 std::string unitText(const std::string &text) {
     std::string out;
-    std::string_view rest(text);
-    while (!rest.empty()) {
-        const size_t n = utf8Length(rest);
-        const auto c = static_cast<unsigned char>(rest[0]);
-        if (n == 0 || c < 0x20 || c == 0x7f || c == '\\') {
-            appendHex(out, c);
-            rest.remove_prefix(1);
-            continue;
-        }
-        if (c == '%')
-            out += "%%";
-        else
-            out.append(rest.substr(0, n));
-        rest.remove_prefix(n);
+    for (const char c : visibleText(text)) {
+        if (c == '%') out += '%';
+        out += c;
     }
     return out;
 }

@@ -2,6 +2,7 @@
 #include "SystemIo.h"
 
 #include "UserBus.h"
+#include "Utf8.h"
 
 #include <systemd/sd-bus.h>
 
@@ -90,7 +91,9 @@ UnitMove moveIntoOwnScope(pid_t pid, const std::string &instanceDirectory,
 
     const std::string name =
         "app-" + escapeUnitNamePart(launcher) + "-quendral-" + randomPart() + ".scope";
-    const std::string description = "Quendral server of " + instanceDirectory;
+    // One line of UTF-8, as the bus carries strings: a directory whose name
+    // is not UTF-8 still gets its scope, described with visible escapes.
+    const std::string description = "Quendral server of " + visibleText(instanceDirectory);
     sd_bus_message *call = nullptr;
     sd_bus_message *reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;

@@ -24,6 +24,26 @@ size_t utf8Length(std::string_view s) {
     return 0;
 }
 
+std::string visibleText(std::string_view s) {
+    std::string out;
+    out.reserve(s.size());
+    while (!s.empty()) {
+        const size_t n = utf8Length(s);
+        const auto c = static_cast<unsigned char>(s[0]);
+        if (n == 0 || c < 0x20 || c == 0x7f || c == '\\') {
+            static const char kHex[] = "0123456789abcdef";
+            out += "\\x";
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+            s.remove_prefix(1);
+            continue;
+        }
+        out.append(s.substr(0, n));
+        s.remove_prefix(n);
+    }
+    return out;
+}
+
 bool isValidUtf8(std::string_view s) {
     while (!s.empty()) {
         const size_t n = utf8Length(s);

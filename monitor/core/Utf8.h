@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace quendral {
@@ -14,5 +15,10 @@ size_t utf8Length(std::string_view s);
 
 // Whether all of `s` is valid UTF-8.
 bool isValidUtf8(std::string_view s);
+
+// `s` for a text that must be UTF-8 and one line (a unit's or a scope's
+// description): control characters, backslashes and bytes that are not part
+// of valid UTF-8 written as visible \xNN; the rest as it is.
+std::string visibleText(std::string_view s);
 
 } // namespace quendral

@@ -109,7 +109,10 @@ TEST_F(QuendralctlAtLogin, ANameThatSessionsWouldReadDifferentlyIsRefusedPlainly
     // Sessions disagree on quotes, dollars and percent signs inside an
     // entry's quoted arguments: rather no entry than one that starts
     // something else.
-    for (const std::string name : {"say \"q\"", "cost$", "100%"}) {
+    // An entry must be UTF-8: a name that is not cannot be written in one;
+    // a newline would begin a line of its own.
+    for (const std::string name :
+         {"say \"q\"", "cost$", "100%", "bad\xff", "x\nExec=touch PWNED"}) {
         makeInstanceDir(root, "home/" + name);
         const CtlResult r = ctl("enable " + shellQuote(name));
         EXPECT_EQ(r.status, 1) << name;
@@ -118,6 +121,21 @@ TEST_F(QuendralctlAtLogin, ANameThatSessionsWouldReadDifferentlyIsRefusedPlainly
             << r.err;
         EXPECT_FALSE(fs::exists(entryOf(name))) << name;
     }
+}
+
+TEST_F(QuendralctlAtLogin, AnEntryOfTheUsersOwnIsNeitherReplacedNorRemoved) {
+    const std::string entry = entryOf("sales");
+    fs::create_directories(config + "/autostart");
+    writeFile(entry, "[Desktop Entry]\nType=Application\nName=Mine\nExec=true\n");
+    const CtlResult enable = ctl("enable sales");
+    EXPECT_EQ(enable.status, 1);
+    EXPECT_NE(enable.err.find("is not one quendralctl wrote; it is left as it is"),
+              std::string::npos)
+        << enable.err;
+    EXPECT_EQ(readFile(entry), "[Desktop Entry]\nType=Application\nName=Mine\nExec=true\n");
+    const CtlResult disable = ctl("disable sales");
+    EXPECT_EQ(disable.status, 1);
+    EXPECT_TRUE(fs::exists(entry));
 }
 
 TEST_F(QuendralctlAtLogin, AllEnablesEveryInstanceAndDisableTakesTheDirectoryOfOneThatIsGone) {

@@ -4,6 +4,7 @@
 #include "ModelTestUtil.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -141,6 +142,31 @@ TEST_F(QuendralctlOutput, ControlCharactersInNamesAreEscapedOnATerminalOnly) {
     for (const auto &i : parsed.at("instances")) names.push_back(i.at("displayName"));
     EXPECT_NE(std::find(names.begin(), names.end(), retitle), names.end());
     EXPECT_NE(std::find(names.begin(), names.end(), csi), names.end());
+}
+
+TEST_F(QuendralctlOutput, LogLinesShownWithStatusOrAfterAFailedStartAreEscapedOnATerminal) {
+    // Whoever writes the log (the server, anyone who may write the file)
+    // may put an escape sequence, a C1 control or bytes that are not UTF-8
+    // in it: on a terminal they are shown, not obeyed, line by line.
+    const std::string dir = home / "database";
+    writeFile(dir + "/quendral.log", "plain line\nretitle \033]0;pwned\007\nc1 \xc2\x9b"
+                                     "2J\nbad \xff\n");
+    const std::string expected =
+        "plain line\nretitle \\033]0;pwned\\007\nc1 \\302\\2332J\nbad \\377\n";
+    std::string seen = onTerminal("status -n 4");
+    EXPECT_EQ(seen.find('\033'), std::string::npos) << seen;
+    EXPECT_NE(seen.find("\n\n" + expected), std::string::npos) << seen;
+    // Into a pipe, the log's bytes as they are.
+    EXPECT_NE(ctl("status -n 4").out.find("retitle \033]0;pwned\007\n"), std::string::npos);
+
+    // A start that fails writes its reason with the escape in it: the log's
+    // end after the error is escaped too.
+    writeFile(dir + "/quendral",
+              "#!/bin/sh\nprintf 'FATAL \\033[2J cleared\\n' >> quendral.log\nexit 1\n");
+    ASSERT_EQ(chmod((dir + "/quendral").c_str(), 0755), 0);
+    seen = onTerminal("start --wait 5");
+    EXPECT_EQ(seen.find('\033'), std::string::npos) << seen;
+    EXPECT_NE(seen.find("FATAL \\033[2J cleared\n"), std::string::npos) << seen;
 }
 
 } // namespace

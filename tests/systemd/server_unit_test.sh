@@ -91,6 +91,18 @@ for p in $(pgrep -u "$UM_USER" -f 'quendral -f'); do
 done
 [ "$processes" -eq 2 ] || fail "the forking server has $processes processes, not 2"
 
+echo "== a directory whose name is not UTF-8 gets a scope of its own, described with escapes"
+bad=$'bad\xff'
+mkdir -p "$home/$bad"
+printf '[database]\n' >"$home/$bad/quendral.ini"
+chown -R "$UM_USER:" "$home/$bad"
+out=$(ctl start "$home/$bad" --wait 10 2>&1) || fail "start: $out"
+[[ $out != *"no unit of its own"* ]] || fail "no scope: $out"
+bad_unit=$(unit_of "$(pid_of "$home/$bad")")
+case "$bad_unit" in app-quendralctl-quendral-*.scope) ;; *) fail "in '$bad_unit'" ;; esac
+description=$(um_run systemctl --user show -P Description "$bad_unit")
+[ "$description" = "Quendral server of $home/bad\\xff" ] || fail "description '$description'"
+
 echo "== stop ends the servers and leaves no unit, active or failed"
 ctl stop --all --wait 10 >/dev/null || fail "stop --all"
 for i in $(seq 50); do
