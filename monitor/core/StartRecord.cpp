@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <filesystem>
+#include <pwd.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -45,29 +47,57 @@ bool ownPrivateDirectory(const std::string &path, std::string &error) {
     return true;
 }
 
-// Whether the runtime directory is one we may keep private files in: ours,
-// and writable by nobody else. After "sudo -E" it may be another user's.
-bool usableRuntimeDirectory(const char *dir) {
-    if (!dir || dir[0] != '/') return false;
-    struct stat st;
-    return stat(dir, &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == geteuid() &&
-           (st.st_mode & 022) == 0;
+// Makes `path` a directory of ours unless it is one already; each step of
+// the way below a home of ours is ours too.
+bool makePrivateDirectory(const std::string &path, std::string &error) {
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    return ownPrivateDirectory(path, error);
 }
 
-std::optional<std::string> findDirectory(const char *runtime, std::string &error) {
-    std::string dir;
-    if (usableRuntimeDirectory(runtime)) {
-        dir = std::string(runtime) + "/quendral-monitor";
-    } else {
-        // Anyone may create names in /tmp: the directory is used only if it
-        // turns out to be ours and private, whoever made it first.
-        dir = "/tmp/quendral-monitor-" + std::to_string(geteuid());
+// The user's home as the password database has it, when it is a directory of
+// the user's that nobody else may write in: the environment never moves it.
+std::string usableHome() {
+    const passwd *pw = getpwuid(geteuid());
+    if (!pw || !pw->pw_dir || pw->pw_dir[0] != '/') return "";
+    struct stat st;
+    if (stat(pw->pw_dir, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid() ||
+        (st.st_mode & 022) != 0)
+        return "";
+    return pw->pw_dir;
+}
+
+std::optional<std::string> findDirectory(std::string &error) {
+    if (const std::string home = usableHome(); !home.empty()) {
+        // ~/.local and ~/.local/state are made as XDG makes them (0700)
+        // where missing; where they exist they are the user's own home's.
+        std::string dir = home;
+        bool ok = true;
+        for (const char *step : {"/.local", "/.local/state"}) {
+            dir = home + step;
+            struct stat st;
+            if (lstat(dir.c_str(), &st) == 0) {
+                if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022) != 0) {
+                    ok = false;
+                    break;
+                }
+            } else if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+                ok = false;
+                break;
+            }
+        }
+        if (ok) {
+            dir = home + "/.local/state/quendral-monitor";
+            if (makePrivateDirectory(dir, error)) return dir;
+            return std::nullopt;
+        }
     }
-    if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-        error = dir + ": " + std::strerror(errno);
-        return std::nullopt;
-    }
-    if (!ownPrivateDirectory(dir, error)) return std::nullopt;
+    // Anyone may create names in /tmp: the directory is used only if it
+    // turns out to be ours and private, whoever made it first.
+    const std::string dir = "/tmp/quendral-monitor-" + std::to_string(geteuid());
+    if (!makePrivateDirectory(dir, error)) return std::nullopt;
     return dir;
 }
 
@@ -75,7 +105,9 @@ std::optional<LaunchedProcess> readRecordFd(int fd) {
     struct stat st;
     char buf[64];
     ssize_t n = -1;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    // Only a record of the user's own counts: one planted by another user
+    // (while the directory was ever open to others) is void.
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid()) {
         n = sys::retryOnInterrupt([&] { return pread(fd, buf, sizeof buf - 1, 0); });
     }
     if (n <= 0) return std::nullopt;
@@ -91,6 +123,23 @@ std::optional<LaunchedProcess> readRecordFd(int fd) {
 
 int openRecord(const std::string &path, int flags) {
     return open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
+}
+
+// Whether the open file is a regular file of the user's: a record may be
+// locked and written only then.
+bool ownRegularFile(int fd) {
+    struct stat st;
+    return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid();
+}
+
+// Takes away whatever stands at `path` (in a directory of ours): a file or
+// link of anyone's, or a directory, which is first moved aside.
+void clearName(const std::string &path) {
+    if (unlink(path.c_str()) == 0 || errno == ENOENT) return;
+    const std::string aside = path + ".planted-" + std::to_string(getpid());
+    if (rename(path.c_str(), aside.c_str()) != 0) return;
+    std::error_code ec;
+    std::filesystem::remove_all(aside, ec);
 }
 
 // The pid and its start time together name one process for good: a process
@@ -126,23 +175,26 @@ void removeRecordIf(const std::string &path, const std::optional<LaunchedProcess
 
 } // namespace
 
+namespace {
+// Found once per process: a refresh must not pay a mkdir and an lstat each
+// time. Found again when a start finds it gone.
+bool directoryKnown = false;
+std::optional<std::string> knownDirectory;
+std::string directoryError;
+} // namespace
+
 std::optional<std::string> startRecordDirectory(std::string *error) {
-    // Found once per runtime directory: the environment rarely changes, and
-    // a refresh should not pay a mkdir and an lstat each time.
-    static std::string cachedFor;
-    static bool cached = false;
-    static std::optional<std::string> dir;
-    static std::string why;
-    const char *runtime = std::getenv("XDG_RUNTIME_DIR");
-    const std::string key = runtime ? runtime : std::string(1, '\0');
-    if (!cached || key != cachedFor) {
-        why.clear();
-        dir = findDirectory(runtime, why);
-        cachedFor = key;
-        cached = true;
+    if (!directoryKnown) {
+        directoryError.clear();
+        knownDirectory = findDirectory(directoryError);
+        directoryKnown = true;
     }
-    if (!dir && error) *error = why;
-    return dir;
+    if (!knownDirectory && error) *error = directoryError;
+    return knownDirectory;
+}
+
+void findStartRecordDirectoryAgain() {
+    directoryKnown = false;
 }
 
 std::string startRecordPath(const std::string &instanceDirectory, std::string *error) {
@@ -247,7 +299,11 @@ void rememberLockWriter(const LockFileVersion &file, const LaunchedProcess &writ
     // Written beside and renamed over: a reader sees one memo or the other.
     const std::string temp = path + "." + std::to_string(getpid());
     const int fd = openRecord(temp, O_WRONLY | O_CREAT | O_TRUNC);
-    if (fd < 0) return;
+    if (fd < 0) {
+        // The directory went: found, and made, again next time.
+        if (errno == ENOENT) findStartRecordDirectoryAgain();
+        return;
+    }
     const ssize_t n = sys::retryOnInterrupt([&] { return write(fd, text.data(), text.size()); });
     const bool ok = close(fd) == 0 && n == static_cast<ssize_t>(text.size());
     if (ok && rename(temp.c_str(), path.c_str()) == 0)
@@ -268,8 +324,28 @@ StartLock::StartLock(const std::string &directory) {
     // longer is stopped or hung, and the monitor must not hang with it.
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitLimitMs);
+    bool cleared = false;
     for (;;) {
         if (fd_ < 0) fd_ = openRecord(recordPath_, O_RDWR | O_CREAT);
+        if (fd_ >= 0 && !ownRegularFile(fd_)) {
+            close(fd_);
+            fd_ = -1;
+            errno = EPERM;
+        }
+        if (fd_ < 0 && !cleared) {
+            // The directory went (a cleaner of /tmp or of old state): made
+            // again. Something at the record's name that is no file of ours
+            // (planted while the directory was open to others): taken away.
+            cleared = true;
+            if (errno == ENOENT) {
+                findStartRecordDirectoryAgain();
+                recordPath_ = startRecordPath(directory, &error_);
+                if (recordPath_.empty()) return;
+            } else {
+                clearName(recordPath_);
+            }
+            continue;
+        }
         if (fd_ < 0) {
             state_ = Failed;
             error_ = recordPath_ + ": " + std::strerror(errno);

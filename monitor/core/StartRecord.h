@@ -13,10 +13,18 @@
 // front ends never both pass the check. The lock is held for the check and the
 // fork only, never while a server runs.
 //
-// Where records live: "quendral-monitor" in $XDG_RUNTIME_DIR when that is a
-// directory of ours, else "/tmp/quendral-monitor-UID"; either must be a
-// directory of ours, mode 0700, not a link, or no record is kept (one log
-// line says why, and starts go ahead as they did before records existed).
+// Where records live: one place per user, whatever the environment says, so
+// that the desktop's tray, cron, su and ssh all meet the same records:
+// ".local/state/quendral-monitor" in the user's home as the password database
+// gives it (not $HOME, not $XDG_RUNTIME_DIR), where no other user may create
+// or take anything. Only an account without a usable home (a system account)
+// uses "/tmp/quendral-monitor-UID" instead. Either must be a directory of
+// ours, mode 0700, not a link, or no record is kept (one log line says why,
+// and starts go ahead as they did before records existed). A directory that
+// was removed (a cleaner of old files) is made again at the next start.
+// A record the user did not write (one planted while the directory was open
+// to others) never counts, and anything standing at a record's name that is
+// not a file of the user's is taken away before the record is made.
 // A record is named after the instance directory's device and inode, so every
 // path to one directory (a link, "./x", "x/") meets one record.
 //
@@ -114,6 +122,9 @@ class StartLock {
 // `error` set when none that is safely ours can be had. For tests and
 // diagnostics.
 std::optional<std::string> startRecordDirectory(std::string *error = nullptr);
+// Forgets where records live, so that the next use finds (and makes) the
+// directory again.
+void findStartRecordDirectoryAgain();
 // Where the record of `directory` (links followed) is kept: the directory
 // of records, then "/<device>-<inode>" in hex; empty, with `error` set, when
 // there is none.

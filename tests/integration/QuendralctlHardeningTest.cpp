@@ -72,6 +72,21 @@ TEST_F(QuendralctlHardening, AnotherUsersLiveServerIsRunningAndNeverStartedTwice
     EXPECT_EQ(ctl("stop --wait 10").status, 0);
 }
 
+TEST_F(QuendralctlHardening, FrontEndsWithAndWithoutARuntimeDirectorySeeEachOthersStarts) {
+    // The desktop has XDG_RUNTIME_DIR; cron, su and ssh may not, or another.
+    const std::string dir = makeInstanceDir(home, "database");
+    TempDir runtime;
+    ASSERT_EQ(
+        ctl("start", "XDG_RUNTIME_DIR=" + runtime.path() + " QUENDRAL_DEMO_START_DELAY_MS=2000")
+            .status,
+        0);
+    const CtlResult other = runShell("env -u XDG_RUNTIME_DIR HOME=/nonexistent " + env + " " +
+                                     shellQuote(QUENDRALCTL_PATH) + " start --wait 10");
+    EXPECT_EQ(other.status, 0) << other.err;
+    EXPECT_EQ(other.out, "database started\n");
+    EXPECT_EQ(processesIn(dir).size(), 1u) << "a second server from a front end elsewhere";
+}
+
 TEST_F(QuendralctlHardening, FewDescriptorsLeftNeverMakeRunningServersStoppedNorStartDuplicates) {
     constexpr int kServers = 40;
     for (int i = 0; i < kServers; i++) makeInstanceDir(home, "db" + std::to_string(100 + i));

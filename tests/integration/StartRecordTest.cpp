@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -195,16 +196,75 @@ TEST_F(StartRecordTest, TheServerInheritsNoRecordDescriptor) {
     ASSERT_TRUE(inst->shutdown());
 }
 
-TEST_F(StartRecordTest, AnUnsafeRecordDirectoryStopsNoStart) {
-    // A runtime directory that is not ours: records go to the fallback
-    // under /tmp, and starts work as before.
+TEST_F(StartRecordTest, RecordsLiveInOnePlaceWhateverTheEnvironmentSays) {
+    // The desktop's tray, cron, su and ssh differ in XDG_RUNTIME_DIR and
+    // HOME: the records stay in the home the password database gives.
+    const passwd *pw = getpwuid(geteuid());
+    ASSERT_NE(pw, nullptr);
     TempDir other;
-    chmod(other.path().c_str(), 0777);
     ScopedEnv runtime("XDG_RUNTIME_DIR", other.path());
+    ScopedEnv home("HOME", other.path());
+    findStartRecordDirectoryAgain();
     const auto dir = startRecordDirectory();
     ASSERT_TRUE(dir.has_value());
-    EXPECT_EQ(*dir, "/tmp/quendral-monitor-" + std::to_string(geteuid()));
+    struct stat st;
+    if (stat(pw->pw_dir, &st) == 0 && st.st_uid == geteuid() && (st.st_mode & 022) == 0)
+        EXPECT_EQ(*dir, std::string(pw->pw_dir) + "/.local/state/quendral-monitor");
+    else
+        EXPECT_EQ(*dir, "/tmp/quendral-monitor-" + std::to_string(geteuid()));
     EXPECT_TRUE(inst->startup());
+}
+
+TEST_F(StartRecordTest, ARecordsDirectoryThatWasRemovedIsMadeAgainAtTheNextStart) {
+    const auto dir = startRecordDirectory();
+    ASSERT_TRUE(dir.has_value());
+    // A cleaner of old files took it away under a running front end.
+    fs::remove_all(*dir);
+    ASSERT_TRUE(inst->startup()) << inst->failureReason();
+    EXPECT_TRUE(fs::is_directory(*dir));
+    QuendralInstance other(instDir);
+    other.refresh();
+    EXPECT_EQ(other.serverStatus(), ServerStatusStarting) << "the start is recorded again";
+    EXPECT_FALSE(other.startup());
+    EXPECT_EQ(processesIn(instDir).size(), 1u);
+}
+
+TEST_F(StartRecordTest, ADirectoryOrLinkAtARecordsNameBlocksNoStart) {
+    for (const std::string kind : {"directory", "link"}) {
+        SCOPED_TRACE(kind);
+        fs::remove_all(record);
+        if (kind == "directory")
+            fs::create_directories(record + "/inside");
+        else
+            fs::create_symlink("/etc/passwd", record);
+        ASSERT_TRUE(inst->startup()) << inst->failureReason();
+        EXPECT_TRUE(waitFor([&] {
+            inst->refresh();
+            return inst->serverStatus() == ServerStatusRunning;
+        }));
+        ASSERT_TRUE(inst->shutdown());
+        EXPECT_TRUE(waitFor([&] {
+            inst->refresh();
+            return inst->serverStatus() == ServerStatusStopped;
+        }));
+        EXPECT_EQ(readFile("/etc/passwd").empty(), false) << "the link's target is untouched";
+    }
+}
+
+TEST_F(StartRecordTest, ARecordTheUserDidNotWriteNeverCounts) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root, to plant a file of another user's";
+    // Planted while the directory was open to others: it names a live
+    // process, and would show the instance starting for as long as it runs.
+    ChildProcess live({"sleep", "1000"});
+    writeRecord(live.pid(), ticksOf(live.pid()));
+    ASSERT_EQ(chown(record.c_str(), 65534, 65534), 0);
+    QuendralInstance other(instDir);
+    other.refresh();
+    EXPECT_EQ(other.serverStatus(), ServerStatusStopped);
+    ASSERT_TRUE(inst->startup()) << inst->failureReason();
+    struct stat st;
+    ASSERT_EQ(stat(record.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, geteuid()) << "the start's record is the user's own";
 }
 
 } // namespace
