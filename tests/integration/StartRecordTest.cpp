@@ -215,6 +215,27 @@ TEST_F(StartRecordTest, RecordsLiveInOnePlaceWhateverTheEnvironmentSays) {
     EXPECT_TRUE(inst->startup());
 }
 
+TEST_F(StartRecordTest, AnotherUsersDirectoryUnderTmpTakesAndDeniesNothing) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root, to make a directory of another user's";
+    const std::string planted = "/tmp/quendral-monitor-" + std::to_string(geteuid());
+    if (fs::exists(planted)) GTEST_SKIP() << planted << " exists already";
+    // Made first by someone else, open to all, as anyone may in /tmp.
+    ASSERT_EQ(mkdir(planted.c_str(), 0777), 0);
+    ASSERT_EQ(chown(planted.c_str(), 65534, 65534), 0);
+    findStartRecordDirectoryAgain();
+    const auto dir = startRecordDirectory();
+    ASSERT_TRUE(dir.has_value());
+    EXPECT_FALSE(dir->starts_with("/tmp/")) << *dir;
+    ASSERT_TRUE(inst->startup());
+    QuendralInstance other(instDir);
+    other.refresh();
+    EXPECT_EQ(other.serverStatus(), ServerStatusStarting) << "records are kept all the same";
+    EXPECT_FALSE(other.startup());
+    EXPECT_EQ(processesIn(instDir).size(), 1u);
+    EXPECT_TRUE(fs::is_empty(planted)) << "nothing of ours went there";
+    fs::remove_all(planted);
+}
+
 TEST_F(StartRecordTest, ARecordsDirectoryThatWasRemovedIsMadeAgainAtTheNextStart) {
     const auto dir = startRecordDirectory();
     ASSERT_TRUE(dir.has_value());
