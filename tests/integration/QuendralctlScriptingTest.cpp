@@ -18,32 +18,6 @@ using namespace testsupport;
 
 namespace {
 
-// A TCP port on the loopback that nobody listens on right now.
-int freePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0)
-        return 0;
-    close(fd);
-    return ntohs(addr.sin_port);
-}
-
-// Whether a connection to the loopback port is taken.
-bool connects(int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    const bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
-    if (fd >= 0) close(fd);
-    return ok;
-}
-
 class Scripting : public CtlInstallation {
   protected:
     std::string dir;
@@ -174,7 +148,7 @@ TEST_F(Scripting, StatusOpensWithTheNameAndTheStatusWord) {
 }
 
 TEST_F(Scripting, ReadyWaitsUntilTheServerListensAndAConnectionRightAfterIsTaken) {
-    const int port = freePort();
+    const int port = freeLoopbackPort();
     ASSERT_GT(port, 0);
     const std::string server =
         "QUENDRAL_DEMO_HTTP_PORT=" + std::to_string(port) + " QUENDRAL_DEMO_LISTEN_DELAY_MS=1000";
@@ -189,7 +163,7 @@ TEST_F(Scripting, ReadyWaitsUntilTheServerListensAndAConnectionRightAfterIsTaken
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "database started\nconnected\n") << r.err;
     EXPECT_GE(took, std::chrono::milliseconds(1000)) << "returned before the server listened";
-    EXPECT_TRUE(connects(port));
+    EXPECT_TRUE(connectsToLoopback(port));
 }
 
 TEST_F(Scripting, ReadyOfAServerThatNeverListensFailsAtTheDeadline) {

@@ -21,21 +21,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A TCP port on the loopback that nobody listens on right now: the system
-// picks one, and it is let go for the server to take.
-int freePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0)
-        return 0;
-    close(fd);
-    return ntohs(addr.sin_port);
-}
-
 // The value after "Label: " on its line of `status`, "" when there is none.
 std::string fact(const std::string &out, const std::string &label) {
     const std::string key = label + ": ";
@@ -86,7 +71,7 @@ class QuendralctlStatus : public ::testing::Test {
 };
 
 TEST_F(QuendralctlStatus, ShowsExactlyThePortTheServerListensOn) {
-    const int port = freePort();
+    const int port = freeLoopbackPort();
     ASSERT_GT(port, 0);
     const std::string portEnv = "QUENDRAL_DEMO_HTTP_PORT=" + std::to_string(port);
     ASSERT_EQ(runCtl("start --wait 10", env + " " + portEnv).status, 0);
@@ -119,7 +104,7 @@ TEST_F(QuendralctlStatus, AServerListeningNowhereSaysNone) {
 
 TEST_F(QuendralctlStatus, APortOpenedByAChildOfTheServerIsTheServers) {
     // The lock file names the first process; a child it forked listens.
-    const int port = freePort();
+    const int port = freeLoopbackPort();
     ASSERT_GT(port, 0);
     const std::string more = "QUENDRAL_DEMO_FORK=1 QUENDRAL_DEMO_LOCK_PARENT=1 "
                              "QUENDRAL_DEMO_HTTP_PORT=" +
@@ -235,7 +220,7 @@ TEST_F(QuendralctlStatus, JsonHasEveryFieldWhenStopped) {
 }
 
 TEST_F(QuendralctlStatus, JsonHasEveryFieldWhenRunning) {
-    const int port = freePort();
+    const int port = freeLoopbackPort();
     ASSERT_GT(port, 0);
     ASSERT_EQ(
         runCtl("start --wait 10", env + " QUENDRAL_DEMO_HTTP_PORT=" + std::to_string(port)).status,

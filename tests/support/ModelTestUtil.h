@@ -129,4 +129,11 @@ int openDescriptors();
 // The demo server built with this project.
 std::string demoServerPath();
 
+// A TCP port on the loopback that nobody listens on right now: the system
+// picks one, and it is let go for a server to take. 0 when none was had.
+int freeLoopbackPort();
+
+// Whether a connection to the loopback port is taken.
+bool connectsToLoopback(int port);
+
 } // namespace testsupport
