@@ -232,7 +232,7 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
         if (out.failed ||
             std::find(underway.begin(), underway.end(), out.instance) == underway.end())
             continue;
-        QuendralInstance &i = *out.instance;
+        const QuendralInstance &i = *out.instance;
         if (is(i, ServerStatusStopped) && out.ours && i.failure().kind == ActionFailure::ExecFailed)
             failAction(out, true);
         else if (is(i, ServerStatusStopped))

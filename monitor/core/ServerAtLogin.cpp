@@ -294,7 +294,7 @@ AtLoginChange enableAtLogin(const std::string &directory, const std::string &hom
     std::string why;
     const std::optional<bool> manager = askManager(Ask::Reload, unit, why, change.error, deadline);
     if (manager == false) return change; // a manager that is there and fails
-    if (manager) {
+    if (manager.has_value()) {
         // A unit of that name that enable did not write is the user's own.
         if (ownerOf(unitFile, kUnitMark) == Owner::Other) {
             change.error = unitFile + " is not one quendralctl wrote; it is left as it is";

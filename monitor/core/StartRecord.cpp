@@ -73,10 +73,9 @@ std::optional<std::string> findDirectory(std::string &error) {
     if (const std::string home = usableHome(); !home.empty()) {
         // ~/.local and ~/.local/state are made as XDG makes them (0700)
         // where missing; where they exist they are the user's own home's.
-        std::string dir = home;
         bool ok = true;
         for (const char *step : {"/.local", "/.local/state"}) {
-            dir = home + step;
+            const std::string dir = home + step;
             struct stat st;
             if (lstat(dir.c_str(), &st) == 0) {
                 if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022) != 0) {
@@ -89,7 +88,7 @@ std::optional<std::string> findDirectory(std::string &error) {
             }
         }
         if (ok) {
-            dir = home + "/.local/state/quendral-monitor";
+            const std::string dir = home + "/.local/state/quendral-monitor";
             if (makePrivateDirectory(dir, error)) return dir;
             return std::nullopt;
         }

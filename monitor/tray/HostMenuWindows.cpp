@@ -22,7 +22,11 @@ xcb_connection_t *connection() {
 
 } // namespace
 
-HostMenuWindows::HostMenuWindows(QObject *parent) : QObject(parent) {}
+HostMenuWindows::HostMenuWindows(QObject *parent) : QObject(parent) {
+    _closedLater.setSingleShot(true);
+    _closedLater.setInterval(0);
+    connect(&_closedLater, &QTimer::timeout, this, &HostMenuWindows::menuClosed);
+}
 
 HostMenuWindows::~HostMenuWindows() {
     end();
@@ -132,5 +136,5 @@ bool HostMenuWindows::nativeEventFilter(const QByteArray &eventType, void *messa
 void HostMenuWindows::closed() {
     // Told once, after the event at hand is handled.
     end();
-    QMetaObject::invokeMethod(this, &HostMenuWindows::menuClosed, Qt::QueuedConnection);
+    _closedLater.start();
 }

@@ -23,6 +23,7 @@
 #include <QAbstractNativeEventFilter>
 #include <QObject>
 #include <QSet>
+#include <QTimer>
 
 class HostMenuWindows : public QObject, public QAbstractNativeEventFilter {
     Q_OBJECT
@@ -58,4 +59,6 @@ class HostMenuWindows : public QObject, public QAbstractNativeEventFilter {
     QSet<quint32> _upAtStart;
     QSet<quint32> _mapped;
     bool _sawMapped = false;
+    // Tells of the close once the X event at hand has been handled.
+    QTimer _closedLater;
 };
