@@ -9,6 +9,7 @@
 #include "Log.h"
 #include "SniItem.h"
 #include "TrayHostWatcher.h"
+#include "XEmbedTray.h"
 #include "TrayIcon.h"
 #include "TrayText.h"
 
@@ -173,6 +174,8 @@ void Application::createDBusStatusItem() {
     });
     connect(exporter, &DBusMenuExporter::itemHovered, this, [this] { _menuOpenedAt = now(); });
     connect(_sniItem.get(), &SniItem::activated, this, &Application::popUpMenu);
+    connect(_sniItem.get(), &SniItem::droppedForGood, this, &Application::leaveDBusStatusItem,
+            Qt::QueuedConnection);
     // Some tray hosts show an empty menu for good if it had no items when
     // the item was registered, so it is filled once now, with the texts made
     // for a host, before the watcher hears of it.
@@ -213,8 +216,29 @@ void Application::hostMenuOpening() {
     if (_menuUpdateTimer.isActive() && !_menu->isVisible()) _hostMenuWindows->watch();
 }
 
+void Application::leaveDBusStatusItem() {
+    if (!_sniItem) return;
+    // Until another watcher comes, this host is not offered the item again.
+    _hostKeepsNoItem = true;
+    if (_menu->isVisible()) _menu->hide();
+    menuDidClose();
+    _sniItem.reset();
+    if (xembedTrayPresent()) {
+        quendral::logMessage("The tray host does not keep the monitor's icon; it is shown in "
+                             "the X11 system tray instead");
+        createTrayIcon();
+        return;
+    }
+    quendral::logMessage("The tray host does not keep the monitor's icon, and no other tray "
+                         "shows it");
+    if (!_trayNoticeGiven) {
+        _trayNoticeGiven = true;
+        notifyMissingTray();
+    }
+}
+
 void Application::moveToDBusStatusItem() {
-    if (!_statusItem || qtExportsMenu() || _sniItem) return;
+    if (!_statusItem || qtExportsMenu() || _sniItem || _hostKeepsNoItem) return;
     if (!TrayHostWatcher::hostRegistered()) return;
     // One icon at a time: the XEmbed icon goes before the item is shown.
     if (_menu->isVisible()) _menu->hide();
@@ -238,11 +262,14 @@ void Application::popUpMenu(int x, int y) {
 
 void Application::hostRegistered() {
     if (_sniItem && !_sniItem->isRegistered()) _sniItem->registerWithWatcher();
-    if (!_statusItem && !_sniItem && TrayHostWatcher::hostRegistered()) createDBusStatusItem();
+    if (!_statusItem && !_sniItem && !_hostKeepsNoItem && TrayHostWatcher::hostRegistered())
+        createDBusStatusItem();
     moveToDBusStatusItem();
 }
 
 void Application::watcherAppeared() {
+    // A new watcher (a panel restarted): it may keep the item.
+    _hostKeepsNoItem = false;
     if (!_sniItem && !qtExportsMenu()) {
         hostRegistered();
         return;

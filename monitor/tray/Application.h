@@ -125,6 +125,10 @@ class Application : public QObject {
     // host is there to show one: XEmbed icons are neither scaled nor themed,
     // and some hosts show them apart as legacy icons.
     void moveToDBusStatusItem();
+    // The host dropped the item for good: the icon goes to an X11 tray
+    // where there is one, else the user is told (once) that no tray shows
+    // it.
+    void leaveDBusStatusItem();
     // The host opened the menu it draws (it asked for the menu, or said so).
     void hostMenuOpening();
     // Tells the user, over the desktop's notifications, that no tray shows
@@ -154,6 +158,9 @@ class Application : public QObject {
     bool _hostReportsClosing = false;
     qint64 _silentHostRefreshMs = kSilentHostRefreshMs;
     bool _trayNoticeGiven = false;
+    // The watcher's host dropped the item for good; cleared when another
+    // watcher appears.
+    bool _hostKeepsNoItem = false;
 
     // The menu's fixed items, made once.
     QAction *_noInstances = nullptr;

@@ -160,12 +160,21 @@ void SniItem::watcherDroppedItem(const QString &entry) {
 void SniItem::watcherOwnerChanged(const QString &, const QString &, const QString &newOwner) {
     // A new watcher (or none): whatever the last one did is forgotten.
     _reregistrations = 0;
+    _givenUp = false;
     if (newOwner.isEmpty()) _registered = false;
 }
 
 void SniItem::registerAgain() {
     _registered = false;
-    if (_reregistrations >= kMaxReregistrations) return;
+    if (_reregistrations >= kMaxReregistrations) {
+        // This host will not keep it: the item is no use there, and the
+        // monitor must find another way to be seen.
+        if (!_givenUp) {
+            _givenUp = true;
+            emit droppedForGood();
+        }
+        return;
+    }
     ++_reregistrations;
     if (!_dropLogged) {
         _dropLogged = true;

@@ -105,6 +105,9 @@ class SniItem : public QObject, protected QDBusContext {
     void activated(int x, int y);
     // The watcher confirmed that it lists the item.
     void registrationConfirmed();
+    // The host dropped the item again after the last registration allowed:
+    // it will not show it. Once per watcher.
+    void droppedForGood();
 
   private slots:
     void watcherDroppedItem(const QString &entry);
@@ -126,6 +129,7 @@ class SniItem : public QObject, protected QDBusContext {
     QString _uniqueName;
     int _reregistrations = 0;
     bool _dropLogged = false;
+    bool _givenUp = false;
     QString _iconName;
     QString _toolTip;
     SniIconPixmapList _pixmaps;
