@@ -34,6 +34,7 @@
 #include <string>
 #include <thread>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -302,6 +303,28 @@ void BM_StartReadyBeyondListening(benchmark::State &state) {
     }
 }
 
+// What "start --wait 2 --ready" costs while it waits for a server that runs
+// and never listens: the tool's CPU time (user and system, from the rusage
+// of the reaped tool) over the wall time it waited.
+void BM_ReadyWaitCpuShare(benchmark::State &state) {
+    if (ctl({"start", "--wait", "10"}) != 0) state.SkipWithError("start failed");
+    for (auto _ : state) {
+        rusage before{}, after{};
+        getrusage(RUSAGE_CHILDREN, &before);
+        const auto t = Clock::now();
+        if (ctl({"start", "--wait", "2", "--ready"}) != 1)
+            state.SkipWithError("start --ready did not time out");
+        const double wall = since(t);
+        getrusage(RUSAGE_CHILDREN, &after);
+        const auto seconds = [](const timeval &tv) { return tv.tv_sec + tv.tv_usec * 1e-6; };
+        const double cpu = seconds(after.ru_utime) - seconds(before.ru_utime) +
+                           seconds(after.ru_stime) - seconds(before.ru_stime);
+        samples["ready cpu share"].push_back(cpu / wall);
+        state.SetIterationTime(wall);
+    }
+    ctl({"stop", "--wait", "10"});
+}
+
 // "quendralctl status" of one running server that listens on a port, every
 // detail read, as a whole process.
 void BM_StatusOfARunningServer(benchmark::State &state) {
@@ -336,6 +359,7 @@ BENCHMARK(BM_StopThenExit)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StopWaitEvents)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StopWaitPolling)->UseManualTime()->Iterations(kIterations);
 BENCHMARK(BM_StartReadyBeyondListening)->UseManualTime()->Iterations(kIterations);
+BENCHMARK(BM_ReadyWaitCpuShare)->UseManualTime()->Iterations(3);
 BENCHMARK(BM_StatusOfARunningServer)->UseManualTime()->Iterations(200);
 BENCHMARK(BM_EmptyProcess)->UseManualTime()->Iterations(200);
 
@@ -386,6 +410,10 @@ int main(int argc, char **argv) {
     const double ready = median("ready beyond listening");
     std::printf("  start --wait --ready: returns %.2f ms after the server's socket listens\n",
                 ready * 1e3);
+    const double readyCpu = median("ready cpu share");
+    std::printf("  start --wait 2 --ready of a server that never listens: %.1f %% of a core "
+                "while it waits\n",
+                readyCpu * 100);
     std::printf("  starting a process at all: %.2f ms (an empty one)\n", empty * 1e3);
     std::printf("  status of a running server, every detail: %.2f ms\n", status * 1e3);
     bench::printRatio("start --wait added: events vs polling", startEvents / startPolling, 0,
@@ -398,5 +426,7 @@ int main(int argc, char **argv) {
     ok &=
         bench::printRatio("start --wait --ready beyond listening / 2 ms", ready / 2e-3, 1.0, false);
     ok &= bench::printRatio("status (every detail) / 5 ms", status / 5e-3, 1.0, false);
+    // A bounded share of a core however long the wait: 5 %.
+    ok &= bench::printRatio("start --wait --ready CPU share / 5 %", readyCpu / 0.05, 1.0, false);
     return ok ? 0 : 1;
 }

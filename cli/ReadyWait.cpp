@@ -36,7 +36,9 @@ Instances waitUntilListening(const Instances &list,
     Instances listening;
     std::vector<uint64_t> seen;
     bool first = true;
+    const auto began = Clock::now();
     for (;;) {
+        const auto lookBegan = Clock::now();
         // Taken before the servers are looked at: a socket that begins to
         // listen after this look changes the next one.
         const std::vector<uint64_t> listeners = FactsReader::tcpListenerInodes();
@@ -59,7 +61,16 @@ Instances waitUntilListening(const Instances &list,
         seen = listeners;
         const auto now = Clock::now();
         if (pending.empty() || now >= deadline) return listening;
-        events.sleep(pending, std::min(deadline, now + std::chrono::milliseconds(kReadyPollMs)));
+        // The look's share of a core stays bounded: the pause is many times
+        // what the look cost (a machine with thousands of sockets costs
+        // more per look), and grows with the time already waited, so a
+        // server slow to listen is seen late by a small fraction of its own
+        // time, never at the price of a busy core.
+        const auto cost = now - lookBegan;
+        const auto pause = std::clamp<Clock::duration>(
+            std::max(cost * kReadyCostFactor, (now - began) / kReadyCostFactor),
+            std::chrono::milliseconds(kReadyPollMs), std::chrono::milliseconds(kReadyPollMaxMs));
+        events.sleep(pending, std::min(deadline, now + pause));
     }
 }
 

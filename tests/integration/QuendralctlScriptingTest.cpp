@@ -179,6 +179,22 @@ TEST_F(Scripting, ReadyOfAServerThatNeverListensFailsAtTheDeadline) {
     EXPECT_EQ(again.status, 1);
 }
 
+TEST_F(Scripting, ReadyKeepsOneDeadlineForTheWholeWait) {
+    // Running after 2.5 s and never listening: "--wait 3" is three seconds
+    // in all, not three for running and three more for listening.
+    const auto began = std::chrono::steady_clock::now();
+    const CtlResult r = ctl("start --wait 3 --ready", "QUENDRAL_DEMO_START_DELAY_MS=2500");
+    const auto took = std::chrono::steady_clock::now() - began;
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("quendralctl: database runs but does not listen on a TCP port yet\n"),
+              std::string::npos)
+        << r.err;
+    EXPECT_GE(took, std::chrono::milliseconds(3000));
+    // The deadline and the tool's own start and end, with room for a busy
+    // machine; a second wait would take 5.5 s.
+    EXPECT_LT(took, std::chrono::milliseconds(4500));
+}
+
 TEST_F(Scripting, ReadyNeedsAWait) {
     const CtlResult r = ctl("start --ready");
     EXPECT_EQ(r.status, 2);
