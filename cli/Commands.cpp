@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include "Environment.h"
 #include "FindInstance.h"
 #include "InstanceJson.h"
 #include "ServerAtLogin.h"
@@ -175,10 +176,12 @@ int report(std::vector<Outcome> &outcomes) {
 // outcome is waited for as if it were this command's own. Only an instance
 // that cannot get to running is an error.
 std::vector<Outcome> startAll(const Instances &list, const Options &o) {
+    // One deadline for the whole wait: running, then listening, within the
+    // seconds given, not each step afresh.
+    const Clock::time_point deadline = after(o.wait);
     if (o.wait > 0)
         waitUntil(
-            list, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); },
-            after(o.wait));
+            list, [](const QuendralInstance &i) { return !is(i, ServerStatusStopping); }, deadline);
     std::vector<Outcome> outcomes;
     Instances underway; // launched here, or joined
     for (const auto &i : list) {
@@ -212,7 +215,7 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
             out.done = "already running";
         }
     }
-    if (o.wait > 0) waitUntil(underway, settled, after(o.wait));
+    if (o.wait > 0) waitUntil(underway, settled, deadline);
     Instances listening;
     const auto listens = [&](const Outcome &out) {
         return std::find(listening.begin(), listening.end(), out.instance) != listening.end();
@@ -223,7 +226,7 @@ std::vector<Outcome> startAll(const Instances &list, const Options &o) {
         Instances all;
         for (const Outcome &out : outcomes)
             if (!out.failed) all.push_back(out.instance);
-        listening = waitUntilListening(all, after(o.wait));
+        listening = waitUntilListening(all, deadline);
         for (Outcome &out : outcomes)
             if (!out.failed && !out.done.empty() && !listens(out))
                 fail(out, "runs but does not listen on a TCP port yet", true);
@@ -276,6 +279,10 @@ std::vector<Outcome> stopAll(const Instances &list, const Options &o) {
             stopping.push_back(i);
         } else if (is(*i, ServerStatusStopped)) {
             out.done = "already stopped";
+        } else if (!i->unknownReason().empty()) {
+            // Whether a server runs cannot be known: not stopped, and not
+            // for stopping either, with --all as alone.
+            fail(out, "cannot be stopped: its status is unknown: " + i->unknownReason());
         } else if (o.all) {
             out.done = statusWord(i->serverStatus()); // unknown: nothing to stop
         } else {
@@ -529,7 +536,8 @@ int log(const Instances &all, const Options &o) {
 
 int env() {
     for (const char *var : {"QUENDRAL_HOME", "PATH", "LD_LIBRARY_PATH", "ODBCINI", "ODBCINSTINI"})
-        if (const char *v = std::getenv(var)) writeOut(std::string(var) + "=" + v + "\n");
+        if (const auto v = quendral::serverVariable(var))
+            writeOut(std::string(var) + "=" + *v + "\n");
     return Ok;
 }
 

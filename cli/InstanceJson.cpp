@@ -34,6 +34,8 @@ nlohmann::ordered_json instanceJson(QuendralInstance &i, FactsReader &reader) {
         {"directory", i.directory()},
         {"isDefault", i.isDefault()},
         {"serverStatus", statusWord(i.serverStatus())},
+        {"unknownReason", i.unknownReason().empty() ? nlohmann::ordered_json(nullptr)
+                                                    : nlohmann::ordered_json(i.unknownReason())},
         {"pid", i.pid()},
         {"lockFile", i.lockFile() ? nlohmann::ordered_json(*i.lockFile()) : nullptr},
         {"logFile", log ? nlohmann::ordered_json(*log) : nullptr},

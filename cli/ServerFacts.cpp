@@ -344,4 +344,27 @@ ServerFacts FactsReader::factsOf(pid_t pid, const std::string &unit) {
     return facts;
 }
 
+std::vector<pid_t> FactsReader::processesWorkingIn(const std::string &directory) {
+    std::vector<pid_t> found;
+    const std::string real = quendral::sys::realPath(directory);
+    if (real.empty()) return found;
+    DIR *proc = opendir("/proc");
+    if (!proc) return found;
+    while (const dirent *e = readdir(proc)) {
+        char *end = nullptr;
+        const long pid = std::strtol(e->d_name, &end, 10);
+        if (pid <= 0 || *end != '\0' || pid == getpid()) continue;
+        char link[64], target[4096];
+        (void)std::snprintf(link, sizeof link, "/proc/%ld/cwd", pid);
+        const ssize_t n = readlink(link, target, sizeof target);
+        if (n <= 0 || static_cast<size_t>(n) == sizeof target) continue;
+        if (std::string_view(target, static_cast<size_t>(n)) != real) continue;
+        const auto stat = quendral::readProcessStat(static_cast<pid_t>(pid));
+        if (stat && !quendral::hasEnded(stat->state)) found.push_back(static_cast<pid_t>(pid));
+    }
+    closedir(proc);
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
 } // namespace quendralctl

@@ -60,6 +60,11 @@ class FactsReader {
     // gone, nullopt when its descriptors cannot be read.
     static std::optional<std::set<uint64_t>> socketsOf(pid_t pid);
 
+    // Live processes (this one aside) whose working directory is
+    // `directory`, links resolved: a server runs in its instance directory,
+    // and so do workers it forked and left running when it ended. Sorted.
+    static std::vector<pid_t> processesWorkingIn(const std::string &directory);
+
   private:
     // `pid` first, then its descendants.
     std::vector<pid_t> treeOf(pid_t pid);

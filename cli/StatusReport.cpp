@@ -112,6 +112,7 @@ std::string statusReport(QuendralInstance &i, FactsReader &reader, size_t lines)
     // one terminal, each block says whose it is.
     std::string out = shown(i.displayName()) + " " + statusWord(i.serverStatus()) + "\n";
     out += label("Directory") + shown(i.directory()) + "\n";
+    if (!i.unknownReason().empty()) out += label("Unknown") + shown(i.unknownReason()) + "\n";
     out +=
         label("Enabled") + (quendral::isEnabledAtLogin(i.directory()) ? "at login" : "no") + "\n";
     if (hasLiveServer(i)) {
@@ -134,6 +135,22 @@ std::string statusReport(QuendralInstance &i, FactsReader &reader, size_t lines)
             }
         }
         if (!unit.empty()) out += label("Unit") + shown(unit) + "\n";
+    } else if (i.serverStatus() == ServerStatusStopped) {
+        // No server, but what a server left running in its directory (a
+        // worker that did not pass the stop on) still holds its ports:
+        // said, so that "stopped" never hides a listener.
+        bool first = true;
+        for (const pid_t pid : FactsReader::processesWorkingIn(i.directory())) {
+            const ServerFacts facts = reader.factsOf(pid, "");
+            std::string ports;
+            if (facts.listening)
+                for (const Endpoint &e : *facts.listening)
+                    ports += (ports.empty() ? ", listening on " : " ") + endpointText(e);
+            out += (first ? label("Left behind") : std::string(label("").size(), ' ')) +
+                   std::to_string(pid) + " " + (facts.program ? shown(*facts.program) : "-") +
+                   ports + "\n";
+            first = false;
+        }
     }
     const auto log = i.logFile();
     out += label("Log") + (log ? shown(*log) : "-");

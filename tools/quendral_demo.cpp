@@ -24,6 +24,12 @@
 //                                    supervisor does
 //   QUENDRAL_DEMO_FORK=2             the same, but the first process exits at once,
 //                                    as a daemon's parent does
+//   QUENDRAL_DEMO_DAEMON=1           daemonise as many servers do: the first process
+//                                    forks and exits at once; the child leaves its
+//                                    process group for one of its own and forks the
+//                                    daemon, which stays in the session, writes its
+//                                    own pid (after QUENDRAL_DEMO_START_DELAY_MS)
+//                                    and serves
 //   QUENDRAL_DEMO_LOCK_PARENT=1      with QUENDRAL_DEMO_FORK=1, the child writes the
 //                                    first process's pid: the server named by the
 //                                    lock file serves from a descendant
@@ -182,6 +188,17 @@ int main(int argc, char **argv) {
         }
         if (!envNumber("QUENDRAL_DEMO_LOCK_PARENT", 0))
             lockPid = envNumber("QUENDRAL_DEMO_LOCK_PID", getpid());
+    }
+
+    if (envNumber("QUENDRAL_DEMO_DAEMON", 0) == 1) {
+        const pid_t first = fork();
+        if (first < 0) return 1;
+        if (first > 0) return 0;
+        if (setpgid(0, 0) != 0) _exit(1);
+        const pid_t daemon = fork();
+        if (daemon < 0) _exit(1);
+        if (daemon > 0) _exit(0);
+        lockPid = envNumber("QUENDRAL_DEMO_LOCK_PID", getpid());
     }
 
     struct sigaction sa {};

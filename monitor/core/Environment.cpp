@@ -4,11 +4,15 @@
 #include "Log.h"
 #include "PathUtil.h"
 #include "QuendralManager.h"
+#include "ExecutableTrust.h"
 
 #include <cstdlib>
 #include <climits>
+#include <map>
 #include <string_view>
 #include <unistd.h>
+
+extern char **environ;
 
 namespace quendral {
 
@@ -16,11 +20,16 @@ namespace {
 
 std::optional<rlimit> foundLimit;
 
+// What servers get in place of this program's own values (PATH,
+// LD_LIBRARY_PATH): this program's environment keeps the user's, since it
+// runs programs of its own (xdg-open) that no installation may replace.
+std::map<std::string, std::string> serverOverrides;
+
 // dir in front of the variable's old value. An empty entry in a search list
 // means the current directory, and a server runs in its instance directory:
 // so the list never gains one, neither from an empty old value (which would
 // leave "dir:") nor by keeping the old value's empty entries.
-void prependToVariable(const char *name, const std::string &dir) {
+void prependForServers(const char *name, const std::string &dir) {
     std::string value = dir;
     if (const char *old = std::getenv(name)) {
         std::string_view rest = old;
@@ -35,7 +44,18 @@ void prependToVariable(const char *name, const std::string &dir) {
             rest.remove_prefix(colon + 1);
         }
     }
-    setenv(name, value.c_str(), 1);
+    serverOverrides[name] = value;
+}
+
+// The installation's bin/ or lib/, for the servers' search lists, where
+// nobody but us or root can have put a program or library there.
+void addTrustedDirectory(const char *variable, const std::string &dir) {
+    if (!path::isDirectory(dir)) return;
+    if (const auto why = whyUntrusted(dir)) {
+        logMessage("%@ is not put in %@: %@", {dir, variable, *why});
+        return;
+    }
+    prependForServers(variable, dir);
 }
 
 void setIfUnsetAndFileExists(const char *name, const std::string &file) {
@@ -75,14 +95,33 @@ std::string setupGlobalEnvironment(QuendralManager &manager, const std::string &
     }
 
     setenv("QUENDRAL_HOME", home.c_str(), 1);
-    if (const std::string bin = path::append(home, "bin"); path::isDirectory(bin))
-        prependToVariable("PATH", bin);
-    if (const std::string lib = path::append(home, "lib"); path::isDirectory(lib))
-        prependToVariable("LD_LIBRARY_PATH", lib);
+    serverOverrides.clear();
+    addTrustedDirectory("PATH", path::append(home, "bin"));
+    addTrustedDirectory("LD_LIBRARY_PATH", path::append(home, "lib"));
     setIfUnsetAndFileExists("ODBCINI", path::append(home, "bin/odbc.ini"));
     setIfUnsetAndFileExists("ODBCINSTINI", path::append(home, "bin/odbcinst.ini"));
     manager.addSearchPath(home);
     return home;
+}
+
+std::optional<std::string> serverVariable(const std::string &name) {
+    if (const auto o = serverOverrides.find(name); o != serverOverrides.end()) return o->second;
+    if (const char *v = std::getenv(name.c_str())) return std::string(v);
+    return std::nullopt;
+}
+
+std::vector<std::string> serverEnvironment() {
+    std::vector<std::string> env;
+    for (char **e = environ; *e; e++) {
+        const std::string_view entry = *e;
+        const size_t eq = entry.find('=');
+        if (eq != std::string_view::npos &&
+            serverOverrides.count(std::string(entry.substr(0, eq))) != 0)
+            continue;
+        env.emplace_back(entry);
+    }
+    for (const auto &[name, value] : serverOverrides) env.push_back(name + "=" + value);
+    return env;
 }
 
 std::string defaultBundlePath() {

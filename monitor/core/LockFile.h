@@ -9,8 +9,10 @@
 //     a directory there counts as no lock file; a FIFO, device, non-ASCII
 //     text, no digit or a pid that is not positive is logged as the model's
 //     messages say ("Error reading %@: %@", "Malformed .lck file %@") and
-//     names no pid. A file that exists but cannot be read for want of
-//     resources is `unreadable`: nothing may be concluded about the server.
+//     names no pid. A file that exists but cannot be read, or that someone
+//     other than the instance's owner may have chosen (a link, a place
+//     outside the instance named by a configuration others may write), is
+//     `unreadable`: nothing may be concluded about the server.
 //   - lockFileWrittenBy is the one place that decides whether a live process
 //     is the server the file speaks for: never PID 1 nor this program; only
 //     a process running as the file's owner; and only one that began no
@@ -33,16 +35,25 @@ struct LockFileContent {
     // When and by whom the file was last written, and which file it is.
     LockFileVersion version;
     uid_t owner = 0;
-    // The file exists but could not be read for want of resources (no
-    // descriptor left, no memory): nothing can be said of the server.
+    // The file may not speak, or could not be read (see readLockFile):
+    // nothing can be said of the server, and `reason` says why.
     bool unreadable = false;
+    std::string reason;
 };
 
 // Lock files are read only this far: a pid needs a few bytes, and nothing on
 // disk may make a refresh read without bound.
 constexpr size_t kLockFileReadLimit = 4096;
 
-LockFileContent readLockFile(const std::string &path);
+// Reads the lock file at `path` (qualified) of the instance in `directory`.
+// It speaks only where nobody but the instance's owner (or root) chose its
+// place: it is opened without following links, inside the directory through
+// no link at all, and one outside counts only when the directory's
+// "quendral.ini" passes the program rule (ExecutableTrust.h); a file with
+// other names (hard links) never counts. Where it may not speak, or exists
+// but cannot be read (no permission, no descriptor left), the content is
+// `unreadable`: the instance's status is unknown, never stopped on a guess.
+LockFileContent readLockFile(const std::string &path, const std::string &directory);
 
 // Whether `process` (alive) is the server that wrote `lock`, the lock file
 // of the instance in `directory` (see the contract).

@@ -2,6 +2,7 @@
 #include "SystemIo.h"
 
 #include <cerrno>
+#include <dirent.h>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -60,9 +61,9 @@ bool readProcFile(pid_t pid, const char *name, char *buf, size_t size) {
 
 } // namespace
 
-// Fields 3 (state), 4 (parent) and 22 (start time) of /proc/PID/stat. The command name
-// (field 2) may hold blanks and parentheses, so the fields are counted from
-// the last ')'.
+// Fields 3 (state), 4 (parent), 5 (process group), 6 (session) and 22 (start time) of
+// /proc/PID/stat. The command name (field 2) may hold blanks and parentheses, so the fields are
+// counted from the last ')'.
 std::optional<ProcessStat> readProcessStat(pid_t pid) {
     char buf[1024];
     if (pid <= 0 || !readProcFile(pid, "stat", buf, sizeof buf)) return std::nullopt;
@@ -75,6 +76,8 @@ std::optional<ProcessStat> readProcessStat(pid_t pid) {
         while (*p == ' ') p++;
         if (field == 3) stat.state = *p;
         if (field == 4) stat.parent = static_cast<pid_t>(std::strtol(p, nullptr, 10));
+        if (field == 5) stat.group = static_cast<pid_t>(std::strtol(p, nullptr, 10));
+        if (field == 6) stat.session = static_cast<pid_t>(std::strtol(p, nullptr, 10));
         while (*p && *p != ' ') p++;
         if (!*p) return std::nullopt;
     }
@@ -83,6 +86,40 @@ std::optional<ProcessStat> readProcessStat(pid_t pid) {
     stat.startTicks = std::strtoull(p, &end, 10);
     if (end == p || errno != 0) return std::nullopt;
     return stat;
+}
+
+std::optional<pid_t> liveMemberOf(pid_t leader, unsigned long long notBefore) {
+    if (leader <= 0) return std::nullopt;
+    // The listing of /proc is taken in batches: a process forked after a
+    // batch was read is not in it. A daemon hands over to a child it forks
+    // and then exits, so a look may find the parent ended and miss the child.
+    // A member seen ended is such a handover, or the end of the start: the
+    // look is taken again (bounded), and a child forked before that member
+    // ended is in the new listing.
+    constexpr int kLooks = 4;
+    for (int look = 0; look < kLooks; look++) {
+        DIR *proc = opendir("/proc");
+        if (!proc) return std::nullopt;
+        std::optional<pid_t> found;
+        bool endedMember = false;
+        while (const dirent *e = readdir(proc)) {
+            char *end = nullptr;
+            const long pid = std::strtol(e->d_name, &end, 10);
+            if (pid <= 0 || *end != '\0') continue;
+            const auto stat = readProcessStat(static_cast<pid_t>(pid));
+            if (!stat || stat->startTicks < notBefore) continue;
+            if (stat->session != leader && stat->group != leader) continue;
+            if (hasEnded(stat->state)) {
+                endedMember = true;
+                continue;
+            }
+            found = static_cast<pid_t>(pid);
+            break;
+        }
+        closedir(proc);
+        if (found || !endedMember) return found;
+    }
+    return std::nullopt;
 }
 
 std::optional<uid_t> processUser(pid_t pid) {

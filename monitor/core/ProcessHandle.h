@@ -20,6 +20,8 @@ namespace quendral {
 struct ProcessStat {
     char state = 0;
     pid_t parent = 0;
+    pid_t group = 0;   // its process group
+    pid_t session = 0; // its session
     unsigned long long startTicks = 0;
 };
 std::optional<ProcessStat> readProcessStat(pid_t pid);
@@ -30,6 +32,14 @@ std::optional<ProcessStat> readProcessStat(pid_t pid);
 inline bool hasEnded(char state) {
     return state == 'Z' || state == 'X' || state == 'x';
 }
+
+// A live process (not ended) in the session or process group that `leader`
+// began, which began no earlier than `notBefore` (clock ticks after boot),
+// or nullopt when there is none. A session or group outlives its leader: a
+// server whose first process forks and exits (a daemon) lives on in it. Its
+// number is never given to a new process while any member lives. Scans
+// /proc.
+std::optional<pid_t> liveMemberOf(pid_t leader, unsigned long long notBefore);
 
 // The effective user a process runs as, or nullopt where the system does not
 // say (no such process, or /proc hiding it from us).

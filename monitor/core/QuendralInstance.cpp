@@ -40,6 +40,15 @@ const char *statusWord(ServerStatus status) {
     return "unknown";
 }
 
+namespace {
+
+// A refusal for an instance whose status cannot be known says why.
+std::string unknownText(const std::string &reason) {
+    return reason.empty() ? "" : "its status is unknown: " + reason;
+}
+
+} // namespace
+
 QuendralInstance::QuendralInstance(std::string path)
     : _path(std::move(path)), _displayName(path::lastComponent(_path)) {
     _isDefault = _displayName == "database";
@@ -74,7 +83,7 @@ int32_t QuendralInstance::pidValueFromLockFile() {
 LockFileContent QuendralInstance::readLockFile() {
     const auto &lock = _config.lockFile();
     if (!lock) return {};
-    return quendral::readLockFile(*lock);
+    return quendral::readLockFile(*lock, _path);
 }
 
 bool QuendralInstance::writtenBy(const LockFileContent &lock, const ProcessHandle &process) const {
@@ -95,6 +104,7 @@ bool QuendralInstance::isRunning(int32_t pid) {
 }
 
 void QuendralInstance::setStatus(ServerStatus status) {
+    _unknownReason.clear();
     if (_serverStatus == ServerStatusStarting && status != ServerStatusStarting && _launched) {
         // The start has concluded (the server runs, or the launched process
         // ended): its record has said what it had to say.
@@ -164,6 +174,7 @@ void QuendralInstance::refresh() {
     if (lock.unreadable) {
         _pid = ProcessHandle();
         setStatus(ServerStatusUnknown);
+        _unknownReason = lock.reason;
         return;
     }
     _pid = ProcessHandle(lock.pid);
@@ -188,10 +199,22 @@ bool QuendralInstance::adoptRecordedStart() {
     // front end (or by an earlier run of this one) may still be on its way.
     const auto launched = liveStartRecord(_path);
     if (!launched) return false;
-    ProcessHandle handle(launched->pid);
-    // The handle is opened after the record was checked: it must still hold
-    // that very process.
-    if (handle.startTicks() != launched->startTicks || !handle.alive()) return false;
+    // The launched process, or once it has ended (a server that
+    // daemonises) a live process of the session it began. A daemon's
+    // processes hand over to each other (each forks the next and exits):
+    // one that went between the look and the hold is followed by another
+    // look, until nothing of the start is left.
+    ProcessHandle handle;
+    for (;;) {
+        const auto live = liveProcessOfStart(*launched);
+        if (!live) return false;
+        handle = ProcessHandle(*live);
+        // The handle is opened after the look: it must still hold that
+        // very process (which began no earlier than the launch).
+        const bool same = handle.startTicks() && *handle.startTicks() >= launched->startTicks &&
+                          (*live != launched->pid || handle.startTicks() == launched->startTicks);
+        if (same && handle.alive()) break;
+    }
     _pid = std::move(handle);
     _launched = launched;
     // The lock file's path, for the refreshes that follow the start to its
@@ -217,7 +240,7 @@ int32_t QuendralInstance::launchExecutable(const std::string &executable,
     Launch launch = launchServer(executable, options, directory, _onFork);
     _unit = launch.unit;
     _execReport = std::move(launch.report);
-    if (launch.pid == 0)
+    if (launch.pid == 0 && launch.forkError != 0)
         _failure = {ActionFailure::ForkFailed,
                     "cannot start " + executable + ": " + std::strerror(launch.forkError)};
     return launch.pid;
@@ -246,8 +269,6 @@ bool QuendralInstance::startup() {
                lock.error());
         return false;
     }
-    if (lock.state() == StartLock::Unavailable)
-        logMessage("start record unavailable: %@", {lock.error()});
     refresh();
     // What that refresh learnt of an earlier launch is not this start's.
     _failure = {};
@@ -256,8 +277,9 @@ bool QuendralInstance::startup() {
         return false;
     }
     if (_serverStatus != ServerStatusStopped) {
-        refuse(ActionFailure::NotStopped,
-               _serverStatus == ServerStatusStarting ? "it is already starting" : "");
+        refuse(ActionFailure::NotStopped, _serverStatus == ServerStatusStarting
+                                              ? "it is already starting"
+                                              : unknownText(_unknownReason));
         return false;
     }
     const std::string executable = resolveServerExecutable(findExecutable(), _path);
@@ -271,10 +293,19 @@ bool QuendralInstance::startup() {
     // The start is recorded at the fork, before the launch can wait on the
     // service manager: a front end killed meanwhile leaves a record that
     // names the launched process, never a server that nobody can see.
-    _onFork = [&](pid_t child) { _launched = lock.record(child); };
+    // No record, no launch: a start that no other front end can see would
+    // let one of them launch a second server.
+    _onFork = [&](pid_t child) {
+        _launched = lock.record(child);
+        return _launched.has_value();
+    };
     _pid = ProcessHandle(launchExecutable(executable, {"quendral", "-f"}, _path));
     _onFork = {};
-    if (_pid.pid() == 0) return false; // launchExecutable said why
+    if (_pid.pid() == 0) {
+        if (_failure.kind == ActionFailure::None)
+            refuse(ActionFailure::StartLockFailed, "cannot record the start: " + lock.error());
+        return false; // launchExecutable said why
+    }
     setStatus(ServerStatusStarting);
     return true;
 }
@@ -283,8 +314,9 @@ bool QuendralInstance::shutdown() {
     refresh();
     _failure = {};
     if (_serverStatus != ServerStatusRunning) {
-        refuse(ActionFailure::NotRunning,
-               _serverStatus == ServerStatusStarting ? "it is starting" : "");
+        refuse(ActionFailure::NotRunning, _serverStatus == ServerStatusStarting
+                                              ? "it is starting"
+                                              : unknownText(_unknownReason));
         return false;
     }
     // Through the handle: the signal reaches the server or nobody.

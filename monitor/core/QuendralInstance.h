@@ -129,6 +129,10 @@ class QuendralInstance {
     ServerStatus serverStatus() const { return _serverStatus; }
     // As of the last refresh.
     EntryStatus entryStatus() const { return _entryStatus; }
+    // Why the last refresh left the status unknown (the lock file may not
+    // speak or cannot be read: "<lock file>: it is a symbolic link"); empty
+    // for any other status.
+    const std::string &unknownReason() const { return _unknownReason; }
     // The server's pid as last known; 0 for none. While starting, the
     // launched process; once running, the lock file's live writer.
     int32_t pid() const { return _pid.pid(); }
@@ -208,8 +212,9 @@ class QuendralInstance {
     // (it may still fail at once; a later refresh then finds it stopped).
     // The refresh and the launch happen under the instance's start lock and
     // the launch is recorded (StartRecord.h), so a start that any front end
-    // of the user has in progress is seen, and refused. Logs "start record
-    // unavailable: %@" when no record can be kept (the start goes ahead).
+    // of the user has in progress is seen, and refused. Where no record can
+    // be kept the start fails (StartLockFailed, with the reason) and the
+    // launched child ends without running the server.
     bool startup();
     // Refreshes, then, only if the instance is running, sends SIGTERM to its
     // server and becomes Stopping. The signal goes only to the process the
@@ -263,13 +268,14 @@ class QuendralInstance {
     ServerStatus _serverStatus = ServerStatusUnknown;
     std::string _displayName;
     ActionFailure _failure;
+    std::string _unknownReason;
     // What the last launched child says of its own start.
     quendral::ExecReport _execReport;
     // The launch whose start record this instance made or took up, until
     // that start concludes.
     std::optional<quendral::LaunchedProcess> _launched;
     // While startup() launches: records the start at the fork.
-    std::function<void(pid_t)> _onFork;
+    std::function<bool(pid_t)> _onFork;
     // The unit of the user's service manager the last launch was moved into.
     std::string _unit;
 };

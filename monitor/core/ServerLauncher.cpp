@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace quendral {
@@ -101,8 +102,8 @@ std::string resolveServerExecutable(const std::string &found, const std::string 
     // The bare name is looked up here rather than by execvp in the child, so
     // that every PATH entry passes the same test as the other candidates;
     // argument 0 stays "quendral" all the same.
-    const char *searchPath = std::getenv("PATH");
-    return findTrustedOnPath(found, searchPath ? searchPath : "/bin:/usr/bin", directory)
+    const auto searchPath = serverVariable("PATH");
+    return findTrustedOnPath(found, searchPath ? *searchPath : "/bin:/usr/bin", directory)
         .value_or("");
 }
 
@@ -160,7 +161,7 @@ std::optional<std::string> ExecReport::failure(int waitMs) {
 }
 
 Launch launchServer(const std::string &executable, const std::vector<std::string> &options,
-                    const std::string &directory, const std::function<void(pid_t)> &forked) {
+                    const std::string &directory, const std::function<bool(pid_t)> &forked) {
     Launch launch;
     // Everything the child needs is prepared before the fork: between fork
     // and exec it makes system calls only.
@@ -168,6 +169,12 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
     argv.reserve(options.size() + 1);
     for (const std::string &o : options) argv.push_back(const_cast<char *>(o.c_str()));
     argv.push_back(nullptr);
+    // The servers' environment: their search lists, not this program's.
+    const std::vector<std::string> environment = serverEnvironment();
+    std::vector<char *> envp;
+    envp.reserve(environment.size() + 1);
+    for (const std::string &e : environment) envp.push_back(const_cast<char *>(e.c_str()));
+    envp.push_back(nullptr);
     const char *file = executable.c_str();
     const char *dir = directory.c_str();
     sigset_t none;
@@ -202,8 +209,17 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
         if (report[1] >= 0) close(report[1]);
         launch.pid = child;
         // Recorded before anything can wait: the move below may take the
-        // service manager's time.
-        if (forked) forked(child);
+        // service manager's time. A start that cannot be recorded does not
+        // happen: the child hears no "go" and ends without running anything.
+        if (forked && !forked(child)) {
+            for (const int fd : {release[1], report[0]})
+                if (fd >= 0) close(fd);
+            if (release[1] < 0) kill(child, SIGKILL); // it would not wait for a word
+            while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+            }
+            launch.pid = 0;
+            return launch;
+        }
         // Kept until the start concludes: not among the descriptors left to
         // the lock files, where there would be no report rather than none of
         // those.
@@ -255,7 +271,7 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
     // descriptor limit the monitor raised for itself.
     sigprocmask(SIG_SETMASK, &none, nullptr);
     if (descriptors) setrlimit(RLIMIT_NOFILE, &*descriptors);
-    execvp(file, argv.data());
+    execvpe(file, argv.data(), envp.data());
     childFails(keep, kStepProgram);
 }
 

@@ -75,10 +75,11 @@ struct Launch {
 // "cannot start %@: %@" when the fork fails and "the server of %@ has no unit
 // of its own: %@" when a service manager is there and gave it none.
 // `forked`, when given, is called with the child's pid right after the fork,
-// before anything that may wait (the move into a unit); should this process
-// be gone before the move is decided, the child ends without running the
-// program.
+// before anything that may wait (the move into a unit); should it answer
+// false, or this process be gone before the move is decided, the child ends
+// without running the program (then pid is 0 and forkError 0: the caller
+// knows why).
 Launch launchServer(const std::string &executable, const std::vector<std::string> &options,
-                    const std::string &directory, const std::function<void(pid_t)> &forked = {});
+                    const std::string &directory, const std::function<bool(pid_t)> &forked = {});
 
 } // namespace quendral

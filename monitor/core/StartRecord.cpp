@@ -69,35 +69,70 @@ std::string usableHome() {
     return pw->pw_dir;
 }
 
-std::optional<std::string> findDirectory(std::string &error) {
-    if (const std::string home = usableHome(); !home.empty()) {
+// Where records may live, best first: the home's state directory, then the
+// user's runtime directory, then a directory of the user's under /tmp. The
+// names never change while a program runs; which of them can take a record
+// may (a home that filled up or was remounted read-only).
+enum Place { kHomePlace = 0, kRuntimePlace = 1, kTmpPlace = 2, kPlaces = 3 };
+
+const std::string &placeName(int place) {
+    static const std::string names[kPlaces] = {
+        [] {
+            const std::string home = usableHome();
+            return home.empty() ? std::string() : home + "/.local/state/quendral-monitor";
+        }(),
+        "/run/user/" + std::to_string(geteuid()) + "/quendral-monitor",
+        "/tmp/quendral-monitor-" + std::to_string(geteuid()),
+    };
+    return names[place];
+}
+
+// Makes `place` a directory of ours where it can be, or says why not.
+std::optional<std::string> makePlace(int place, std::string &error) {
+    const std::string &dir = placeName(place);
+    if (dir.empty()) {
+        error = "the home directory is not the user's own";
+        return std::nullopt;
+    }
+    if (place == kHomePlace) {
         // ~/.local and ~/.local/state are made as XDG makes them (0700)
         // where missing; where they exist they are the user's own home's.
-        bool ok = true;
+        const std::string home =
+            dir.substr(0, dir.size() - strlen("/.local/state/quendral-monitor"));
         for (const char *step : {"/.local", "/.local/state"}) {
-            const std::string dir = home + step;
+            const std::string d = home + step;
             struct stat st;
-            if (lstat(dir.c_str(), &st) == 0) {
+            if (lstat(d.c_str(), &st) == 0) {
                 if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022) != 0) {
-                    ok = false;
-                    break;
+                    error = d + " is not a directory of the user's own";
+                    return std::nullopt;
                 }
-            } else if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-                ok = false;
-                break;
+            } else if (mkdir(d.c_str(), 0700) != 0 && errno != EEXIST) {
+                error = d + ": " + std::strerror(errno);
+                return std::nullopt;
             }
         }
-        if (ok) {
-            const std::string dir = home + "/.local/state/quendral-monitor";
-            if (makePrivateDirectory(dir, error)) return dir;
+    } else if (place == kRuntimePlace) {
+        // Only the runtime directory the system made for the user: ours,
+        // private, not a link. It is never made here.
+        const std::string runtime = sys::parentDirectory(dir);
+        struct stat st;
+        if (lstat(runtime.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid() ||
+            (st.st_mode & 077) != 0) {
+            error = runtime + " is not the user's runtime directory";
             return std::nullopt;
         }
     }
     // Anyone may create names in /tmp: the directory is used only if it
     // turns out to be ours and private, whoever made it first.
-    const std::string dir = "/tmp/quendral-monitor-" + std::to_string(geteuid());
     if (!makePrivateDirectory(dir, error)) return std::nullopt;
     return dir;
+}
+
+std::optional<std::string> findDirectory(std::string &error) {
+    for (int place = 0; place < kPlaces; place++)
+        if (auto dir = makePlace(place, error)) return dir;
+    return std::nullopt;
 }
 
 std::optional<LaunchedProcess> readRecordFd(int fd) {
@@ -141,11 +176,8 @@ void clearName(const std::string &path) {
     std::filesystem::remove_all(aside, ec);
 }
 
-// The pid and its start time together name one process for good: a process
-// that took the pid later began later. An ended one is void.
 bool isLive(const LaunchedProcess &p) {
-    const auto stat = readProcessStat(p.pid);
-    return stat && !hasEnded(stat->state) && stat->startTicks == p.startTicks;
+    return liveProcessOfStart(p).has_value();
 }
 
 // Whether the descriptor, locked, is still the file at `path`: a front end
@@ -174,6 +206,20 @@ void removeRecordIf(const std::string &path, const std::optional<LaunchedProcess
 
 } // namespace
 
+std::optional<pid_t> liveProcessOfStart(const LaunchedProcess &p) {
+    // The pid and its start time together name one process for good: a
+    // process that took the pid later began later.
+    const auto stat = readProcessStat(p.pid);
+    if (stat && stat->startTicks == p.startTicks && !hasEnded(stat->state)) return p.pid;
+    // Its pid given to another process: nothing of that start was left when
+    // the system gave it away (a session's number is never reused while a
+    // member lives).
+    if (stat && stat->startTicks != p.startTicks) return std::nullopt;
+    // Ended: a server that daemonises lives on in the session the launch
+    // began (its first process exits, the daemon writes the lock file later).
+    return liveMemberOf(p.pid, p.startTicks);
+}
+
 namespace {
 // Found once per process: a refresh must not pay a mkdir and an lstat each
 // time. Found again when a start finds it gone.
@@ -196,13 +242,11 @@ void findStartRecordDirectoryAgain() {
     directoryKnown = false;
 }
 
-std::string startRecordPath(const std::string &instanceDirectory, std::string *error) {
-    std::string why;
-    const auto dir = startRecordDirectory(&why);
-    if (!dir) {
-        if (error) *error = why;
-        return {};
-    }
+namespace {
+
+// "/<device>-<inode>" of the instance directory (links followed), or "" with
+// `error` set.
+std::string recordName(const std::string &instanceDirectory, std::string *error) {
     struct stat st;
     if (stat(instanceDirectory.c_str(), &st) != 0) {
         if (error) *error = instanceDirectory + ": " + std::strerror(errno);
@@ -211,26 +255,47 @@ std::string startRecordPath(const std::string &instanceDirectory, std::string *e
     char name[64];
     (void)std::snprintf(name, sizeof name, "/%llx-%llx", static_cast<unsigned long long>(st.st_dev),
                         static_cast<unsigned long long>(st.st_ino));
-    return *dir + name;
+    return name;
+}
+
+} // namespace
+
+std::string startRecordPath(const std::string &instanceDirectory, std::string *error) {
+    std::string why;
+    const auto dir = startRecordDirectory(&why);
+    if (!dir) {
+        if (error) *error = why;
+        return {};
+    }
+    const std::string name = recordName(instanceDirectory, error);
+    return name.empty() ? std::string() : *dir + name;
 }
 
 std::optional<LaunchedProcess> liveStartRecord(const std::string &directory) {
-    const std::string path = startRecordPath(directory);
-    if (path.empty()) return std::nullopt;
-    const int fd = openRecord(path, O_RDONLY);
-    if (fd < 0) return std::nullopt;
-    const auto record = readRecordFd(fd);
-    close(fd);
-    if (record && isLive(*record)) return record;
-    // Void: its start ended without anyone concluding it (the front end was
-    // killed). It is removed so that records do not pile up.
-    removeRecordIf(path, std::nullopt);
+    const std::string name = recordName(directory, nullptr);
+    if (name.empty()) return std::nullopt;
+    // Every place is read: a start recorded where the home could not take
+    // it is as much a start as any.
+    for (int place = 0; place < kPlaces; place++) {
+        if (placeName(place).empty()) continue;
+        const std::string path = placeName(place) + name;
+        const int fd = openRecord(path, O_RDONLY);
+        if (fd < 0) continue;
+        const auto record = readRecordFd(fd);
+        close(fd);
+        if (record && isLive(*record)) return record;
+        // Void: its start ended without anyone concluding it (the front end
+        // was killed). It is removed so that records do not pile up.
+        removeRecordIf(path, std::nullopt);
+    }
     return std::nullopt;
 }
 
 void forgetStartRecord(const std::string &directory, const LaunchedProcess &launched) {
-    const std::string path = startRecordPath(directory);
-    if (!path.empty()) removeRecordIf(path, launched);
+    const std::string name = recordName(directory, nullptr);
+    if (name.empty()) return;
+    for (int place = 0; place < kPlaces; place++)
+        if (!placeName(place).empty()) removeRecordIf(placeName(place) + name, launched);
 }
 
 namespace {
@@ -317,8 +382,33 @@ bool isRememberedLockWriter(const LockFileVersion &file, const LaunchedProcess &
 }
 
 StartLock::StartLock(const std::string &directory) {
-    recordPath_ = startRecordPath(directory, &error_);
-    if (recordPath_.empty()) return;
+    const std::string name = recordName(directory, &error_);
+    if (name.empty()) {
+        state_ = Failed;
+        return;
+    }
+    // The lock is taken in the first place that can hold the record's file:
+    // every front end of the user tries the places in the same order, so
+    // they all meet at the same one.
+    std::string why;
+    for (int place = 0; place < kPlaces; place++) {
+        const auto dir = makePlace(place, why);
+        if (!dir) continue;
+        recordPath_ = *dir + name;
+        lockAt();
+        if (state_ == Held) {
+            place_ = place;
+            sweepVoidRecords();
+            return;
+        }
+        if (state_ == Busy) return;
+        why = error_;
+    }
+    state_ = Failed;
+    error_ = "no place to record the start: " + why;
+}
+
+void StartLock::lockAt() {
     // Another front end holds it only to check and fork; one that holds it
     // longer is stopped or hung, and the monitor must not hang with it.
     const auto deadline =
@@ -331,29 +421,23 @@ StartLock::StartLock(const std::string &directory) {
             fd_ = -1;
             errno = EPERM;
         }
-        if (fd_ < 0 && !cleared) {
+        if (fd_ < 0 && !cleared && errno != EROFS && errno != ENOSPC && errno != EDQUOT) {
             // The directory went (a cleaner of /tmp or of old state): made
             // again. Something at the record's name that is no file of ours
             // (planted while the directory was open to others): taken away.
             cleared = true;
             if (errno == ENOENT) {
-                findStartRecordDirectoryAgain();
-                recordPath_ = startRecordPath(directory, &error_);
-                if (recordPath_.empty()) return;
+                if (mkdir(sys::parentDirectory(recordPath_).c_str(), 0700) != 0 && errno != EEXIST)
+                    break;
             } else {
                 clearName(recordPath_);
             }
             continue;
         }
-        if (fd_ < 0) {
-            state_ = Failed;
-            error_ = recordPath_ + ": " + std::strerror(errno);
-            return;
-        }
+        if (fd_ < 0) break;
         if (flock(fd_, LOCK_EX | LOCK_NB) == 0) {
             if (stillThere(fd_, recordPath_)) {
                 state_ = Held;
-                sweepVoidRecords();
                 return;
             }
             // Removed while we waited: lock the file that stands there now.
@@ -361,11 +445,7 @@ StartLock::StartLock(const std::string &directory) {
             fd_ = -1;
             continue;
         }
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            state_ = Failed;
-            error_ = recordPath_ + ": " + std::strerror(errno);
-            return;
-        }
+        if (errno != EWOULDBLOCK && errno != EINTR) break;
         if (std::chrono::steady_clock::now() >= deadline) {
             state_ = Busy;
             error_ = "another start of it is being decided";
@@ -373,6 +453,10 @@ StartLock::StartLock(const std::string &directory) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    state_ = Failed;
+    error_ = recordPath_ + ": " + std::strerror(errno);
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
 }
 
 void StartLock::sweepVoidRecords() const {
@@ -415,14 +499,39 @@ std::optional<LaunchedProcess> StartLock::record(pid_t pid) {
     char text[48];
     const int len = std::snprintf(text, sizeof text, "%20ld %20llu\n", static_cast<long>(pid),
                                   stat->startTicks);
-    const ssize_t n =
+    ssize_t n =
         sys::retryOnInterrupt([&] { return pwrite(fd_, text, static_cast<size_t>(len), 0); });
-    if (n != len) {
-        logMessage("cannot record the start of %@: %@",
-                   {recordPath_, n < 0 ? std::strerror(errno) : "short write"});
-        return std::nullopt;
+    if (n == len) return LaunchedProcess{pid, stat->startTicks, {}};
+    std::string why = recordPath_ + ": " + (n < 0 ? std::strerror(errno) : "short write");
+    (void)ftruncate(fd_, 0); // no half record here
+    // The lock's place could not take it (full, read-only since): a later
+    // place can, and every front end reads every place. Written beside and
+    // renamed in, so that no reader ever sees it half written.
+    const std::string name = recordPath_.substr(recordPath_.find_last_of('/'));
+    for (int place = place_ + 1; place < kPlaces; place++) {
+        std::string error;
+        const auto dir = makePlace(place, error);
+        if (!dir) {
+            why += "; " + error;
+            continue;
+        }
+        const std::string path = *dir + name;
+        const std::string temp = path + ".new-" + std::to_string(getpid());
+        const int fd = openRecord(temp, O_WRONLY | O_CREAT | O_TRUNC);
+        if (fd < 0) {
+            why += "; " + temp + ": " + std::strerror(errno);
+            continue;
+        }
+        n = sys::retryOnInterrupt([&] { return write(fd, text, static_cast<size_t>(len)); });
+        const int err = n < 0 ? errno : EIO;
+        if (close(fd) == 0 && n == len && rename(temp.c_str(), path.c_str()) == 0)
+            return LaunchedProcess{pid, stat->startTicks, {}};
+        why += "; " + path + ": " + std::strerror(n == len ? errno : err);
+        unlink(temp.c_str());
     }
-    return LaunchedProcess{pid, stat->startTicks, {}};
+    logMessage("cannot record the start of %@: %@", {recordPath_, why});
+    error_ = why;
+    return std::nullopt;
 }
 
 } // namespace quendral

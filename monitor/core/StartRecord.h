@@ -13,24 +13,29 @@
 // front ends never both pass the check. The lock is held for the check and the
 // fork only, never while a server runs.
 //
-// Where records live: one place per user, whatever the environment says, so
-// that the desktop's tray, cron, su and ssh all meet the same records:
-// ".local/state/quendral-monitor" in the user's home as the password database
-// gives it (not $HOME, not $XDG_RUNTIME_DIR), where no other user may create
-// or take anything. Only an account without a usable home (a system account)
-// uses "/tmp/quendral-monitor-UID" instead. Either must be a directory of
-// ours, mode 0700, not a link, or no record is kept (one log line says why,
-// and starts go ahead as they did before records existed). A directory that
-// was removed (a cleaner of old files) is made again at the next start.
+// Where records live: the same places for every front end of the user,
+// whatever the environment says, so that the desktop's tray, cron, su and
+// ssh all meet the same records: ".local/state/quendral-monitor" in the
+// user's home as the password database gives it (not $HOME), where no other
+// user may create or take anything; where the home cannot take a record
+// (full, read-only, not the user's), "/run/user/UID/quendral-monitor" in the
+// runtime directory the system made for the user; else
+// "/tmp/quendral-monitor-UID". Each must be a directory of ours, mode 0700,
+// not a link. Readers look in every place; the start lock is taken in the
+// first place that can hold it, and where no place can hold the record, the
+// start fails with the reason before the launched child may run the server.
+// A directory that was removed (a cleaner of old files) is made again at the
+// next start.
 // A record the user did not write (one planted while the directory was open
 // to others) never counts, and anything standing at a record's name that is
 // not a file of the user's is taken away before the record is made.
 // A record is named after the instance directory's device and inode, so every
 // path to one directory (a link, "./x", "x/") meets one record.
 //
-// A record is void once the process it names has ended (a zombie has ended)
-// or its pid belongs to another process (the start time differs); a void
-// record found by a refresh is removed. So it never outlives the launch, and
+// A record is void once nothing of the start lives: the process it names
+// has ended (a zombie has ended) and so has every process of the session and
+// process group it began, or its pid belongs to another process (the start
+// time differs); a void record found by a refresh is removed. So it never outlives the launch, and
 // a front end killed at any point leaves nothing that blocks a later start
 // once its server has ended. The record file is its own lock (flock); it is
 // opened close-on-exec, and the launched child closes every descriptor before
@@ -55,7 +60,13 @@ struct LaunchedProcess {
     timespec recordedAt{};
 };
 
-// The live launched process that a record names for `directory`, or nullopt
+// A live process of the start that `launched` began: the launched process
+// itself, or once it has ended a live member of the session or process
+// group it began (a server that daemonises); nullopt when nothing of it
+// lives, or its pid now belongs to a process that began later.
+std::optional<pid_t> liveProcessOfStart(const LaunchedProcess &launched);
+
+// The launched process that a record names for `directory`, or nullopt
 // when there is no record, it is void, or records cannot be kept. Takes no
 // lock: a record is written in one piece of fixed length. Costs one stat and
 // one failed open when there is no record. A void record is removed.
@@ -93,29 +104,32 @@ class StartLock {
     StartLock &operator=(const StartLock &) = delete;
 
     enum State {
-        Held,        // the lock is ours until destruction
-        Unavailable, // records cannot be kept here (error() says why)
-        Busy,        // another front end held it for longer than the limit
-        Failed,      // the record could not be opened or locked (error() says
-                     // why): no start may be decided without it
+        Held,   // the lock is ours until destruction
+        Busy,   // another front end held it for longer than the limit
+        Failed, // no place could hold the record, or it could not be opened
+                // or locked (error() says why): no start may be decided
     };
     State state() const { return state_; }
     const std::string &error() const { return error_; }
 
     // Under the lock: records `pid`, just launched, as the instance's start,
-    // and returns what it recorded. A failure is logged and gives nullopt;
-    // the start stands (the launching front end still knows its child).
+    // and returns what it recorded: in the lock's file, or where that place
+    // cannot take it (full, read-only) in a later place. A failure is logged,
+    // error() says why, and gives nullopt: the launched child must then not
+    // run the server, since no other front end would see its start.
     std::optional<LaunchedProcess> record(pid_t pid);
 
     static constexpr int kWaitLimitMs = 2000;
 
   private:
     void sweepVoidRecords() const;
+    void lockAt();
 
-    State state_ = Unavailable;
+    State state_ = Failed;
     std::string error_;
     std::string recordPath_;
-    int fd_ = -1; // the record file, locked while Held
+    int fd_ = -1;   // the record file, locked while Held
+    int place_ = 0; // which place holds it
 };
 
 // The directory holding the records (created when missing), or nullopt with

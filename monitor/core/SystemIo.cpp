@@ -150,6 +150,12 @@ BoundedRead readBounded(const std::string &path, size_t limit) {
     case sys::FileKind::Regular:
         break;
     }
+    return readBoundedFrom(f.fd, f.st, limit);
+}
+
+BoundedRead readBoundedFrom(int fd, const struct stat &st, size_t limit) {
+    BoundedRead r;
+    const sys::OpenedFile f{fd, sys::FileKind::Regular, 0, st};
     // Sized from fstat so that a normal file takes one read; a file that
     // grows meanwhile is read up to the limit all the same.
     const size_t size = static_cast<size_t>(f.st.st_size);

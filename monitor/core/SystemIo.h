@@ -112,5 +112,8 @@ struct BoundedRead {
 };
 
 BoundedRead readBounded(const std::string &path, size_t limit);
+// The same for a regular file already open (fd, with what fstat said of it),
+// which it closes.
+BoundedRead readBoundedFrom(int fd, const struct stat &st, size_t limit);
 
 } // namespace quendral

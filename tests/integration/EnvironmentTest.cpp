@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -67,6 +68,45 @@ TEST_F(Environment, BundleFallbackIsNotResolved) {
     EXPECT_EQ(quendral::setupGlobalEnvironment(manager, root / "bundle"),
               root / "bundle/Contents/quendral");
     EXPECT_STREQ(getenv("QUENDRAL_HOME"), (root / "bundle/Contents/quendral").c_str());
+}
+
+TEST_F(Environment, BinAndLibGoToTheServersOnlyAndThisProgramKeepsTheUsersPath) {
+    // The tray runs xdg-open and the like from its own PATH: a program of
+    // the installation's must never stand in for them.
+    fs::create_directories(root / "q/bin");
+    fs::create_directories(root / "q/lib");
+    setenv("QUENDRAL_HOME", (root / "q").c_str(), 1);
+    setenv("PATH", "/usr/bin:/bin", 1);
+    unsetenv("LD_LIBRARY_PATH");
+    ASSERT_EQ(quendral::setupGlobalEnvironment(manager, root / "bundle"), root / "q");
+    EXPECT_STREQ(getenv("PATH"), "/usr/bin:/bin");
+    EXPECT_EQ(getenv("LD_LIBRARY_PATH"), nullptr);
+    EXPECT_EQ(quendral::serverVariable("PATH"), (root / "q/bin") + ":/usr/bin:/bin");
+    EXPECT_EQ(quendral::serverVariable("LD_LIBRARY_PATH"), (root / "q/lib"));
+    const auto env = quendral::serverEnvironment();
+    EXPECT_EQ(std::count(env.begin(), env.end(), "PATH=" + (root / "q/bin") + ":/usr/bin:/bin"), 1);
+    EXPECT_EQ(std::count_if(env.begin(), env.end(),
+                            [](const std::string &e) { return e.rfind("PATH=", 0) == 0; }),
+              1);
+}
+
+TEST_F(Environment, BinAndLibThatAnotherUserCouldFillStayOutOfTheServersSearchLists) {
+    fs::create_directories(root / "q/bin");
+    fs::create_directories(root / "q/lib");
+    // Open to others: anyone may put a program or a library there.
+    fs::permissions(root / "q/bin", fs::perms::all);
+    fs::permissions(root / "q/lib", fs::perms::all);
+    setenv("QUENDRAL_HOME", (root / "q").c_str(), 1);
+    setenv("PATH", "/usr/bin:/bin", 1);
+    unsetenv("LD_LIBRARY_PATH");
+    ASSERT_EQ(quendral::setupGlobalEnvironment(manager, root / "bundle"), root / "q");
+    EXPECT_EQ(quendral::serverVariable("PATH"), "/usr/bin:/bin");
+    EXPECT_EQ(quendral::serverVariable("LD_LIBRARY_PATH"), std::nullopt);
+    EXPECT_EQ(log.lines,
+              (std::vector<std::string>{
+                  (root / "q/bin") + " is not put in PATH: it is writable by group or others",
+                  (root / "q/lib") +
+                      " is not put in LD_LIBRARY_PATH: it is writable by group or others"}));
 }
 
 } // namespace

@@ -86,20 +86,64 @@ TEST_F(LockFile, FifoIsAReadErrorWithoutBlocking) {
     EXPECT_EQ(log.lines, std::vector<std::string>{"Error reading " + lck + ": not a regular file"});
 }
 
-TEST_F(LockFile, LinkToAFifoOrDeviceIsAReadError) {
+TEST_F(LockFile, ALinkAtTheLockFilesPlaceSpeaksForNobody) {
+    // Whoever may write the directory may point a link at any file, a pid
+    // file of root's among them: a link is never followed, whatever it
+    // leads to, and the instance's status is unknown, not stopped.
+    ChildProcess live;
+    writeLockFile(dir / "real.lck", live.pid());
     ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-    ASSERT_EQ(symlink((dir / "fifo").c_str(), lck.c_str()), 0);
-    EXPECT_EQ(inst.pidValueFromLockFile(), 0);
-    std::filesystem::remove(lck);
-    ASSERT_EQ(symlink("/dev/zero", lck.c_str()), 0);
-    EXPECT_EQ(inst.pidValueFromLockFile(), 0);
-    EXPECT_EQ(log.count("Error reading " + lck + ": not a regular file"), 2u);
+    for (const std::string &target : {dir / "real.lck", dir / "fifo", std::string("/dev/zero")}) {
+        SCOPED_TRACE(target);
+        std::filesystem::remove(lck);
+        ASSERT_EQ(symlink(target.c_str(), lck.c_str()), 0);
+        EXPECT_EQ(inst.pidValueFromLockFile(), 0);
+        inst.refresh();
+        EXPECT_EQ(inst.serverStatus(), ServerStatusUnknown);
+        EXPECT_EQ(inst.unknownReason(), lck + ": it is a symbolic link");
+        EXPECT_EQ(inst.pid(), 0);
+        EXPECT_FALSE(inst.shutdown());
+        EXPECT_FALSE(inst.startup());
+    }
+    // Said at each look: the read, the refresh, and the refresh before the
+    // stop and the start that were refused.
+    EXPECT_EQ(log.count("Error reading " + lck + ": it is a symbolic link"), 12u);
 }
 
-TEST_F(LockFile, LinkToARegularFileIsFollowed) {
-    writeLockFile(dir / "real.lck", 31337);
-    ASSERT_EQ(symlink((dir / "real.lck").c_str(), lck.c_str()), 0);
-    EXPECT_EQ(inst.pidValueFromLockFile(), 31337);
+TEST_F(LockFile, ALinkOnTheWayToTheLockFileSpeaksForNobody) {
+    ChildProcess live;
+    std::filesystem::create_directories(dir / "elsewhere");
+    writeLockFile(dir / "elsewhere/q.lck", live.pid());
+    std::filesystem::create_directory_symlink(dir / "elsewhere", std::string(instDir) + "/run");
+    writeFile(instDir + "/quendral.ini", "[database]\nlockfile = run/q.lck\n");
+    backdate(instDir + "/quendral.ini", 5);
+    ASSERT_TRUE(inst.isValid());
+    inst.refresh();
+    EXPECT_EQ(inst.serverStatus(), ServerStatusUnknown);
+    EXPECT_EQ(inst.unknownReason(), instDir + "/run/q.lck: " + instDir + "/run is a symbolic link");
+}
+
+TEST_F(LockFile, ALockFileInASubdirectoryOfTheInstanceSpeaks) {
+    ChildProcess live;
+    std::filesystem::create_directories(instDir + "/run");
+    writeFile(instDir + "/quendral.ini", "[database]\nlockfile = run/q.lck\n");
+    backdate(instDir + "/quendral.ini", 5);
+    ASSERT_TRUE(inst.isValid());
+    writeLockFile(instDir + "/run/q.lck", live.pid());
+    inst.refresh();
+    EXPECT_EQ(inst.serverStatus(), ServerStatusRunning);
+    EXPECT_EQ(inst.pid(), live.pid());
+}
+
+TEST_F(LockFile, ALockFileWithOtherNamesSpeaksForNobody) {
+    // A hard link to someone else's pid file is that file.
+    ChildProcess live;
+    writeLockFile(dir / "service.pid", live.pid());
+    ASSERT_EQ(link((dir / "service.pid").c_str(), lck.c_str()), 0);
+    inst.refresh();
+    EXPECT_EQ(inst.serverStatus(), ServerStatusUnknown);
+    EXPECT_EQ(inst.unknownReason(), lck + ": it has other names (hard links)");
+    EXPECT_FALSE(inst.shutdown());
 }
 
 TEST_F(LockFile, HugeFileIsReadOnlyAsFarAsNeeded) {
@@ -132,6 +176,10 @@ TEST_F(LockFile, UnreadableLockFileIsAReadErrorWithTheReason) {
         if (inner.lines !=
             std::vector<std::string>{"Error reading " + p + "/quendral.lck: Permission denied"})
             return 3;
+        // Not a word about the server: unknown, never stopped.
+        i.refresh();
+        if (i.serverStatus() != ServerStatusUnknown) return 4;
+        if (i.startup()) return 5;
         return 0;
     });
     EXPECT_EQ(rc, 0);
