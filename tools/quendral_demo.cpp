@@ -30,6 +30,9 @@
 //                                    daemon, which stays in the session, writes its
 //                                    own pid (after QUENDRAL_DEMO_START_DELAY_MS)
 //                                    and serves
+//   QUENDRAL_DEMO_DAEMON=2           the same, but the child leaves the session too
+//                                    (setsid), as daemon(3) does: only the scope a
+//                                    service manager gave the launch still holds it
 //   QUENDRAL_DEMO_LOCK_PARENT=1      with QUENDRAL_DEMO_FORK=1, the child writes the
 //                                    first process's pid: the server named by the
 //                                    lock file serves from a descendant
@@ -190,11 +193,12 @@ int main(int argc, char **argv) {
             lockPid = envNumber("QUENDRAL_DEMO_LOCK_PID", getpid());
     }
 
-    if (envNumber("QUENDRAL_DEMO_DAEMON", 0) == 1) {
+    if (const long daemonise = envNumber("QUENDRAL_DEMO_DAEMON", 0);
+        daemonise == 1 || daemonise == 2) {
         const pid_t first = fork();
         if (first < 0) return 1;
         if (first > 0) return 0;
-        if (setpgid(0, 0) != 0) _exit(1);
+        if ((daemonise == 1 ? setpgid(0, 0) : setsid()) < 0) _exit(1);
         const pid_t daemon = fork();
         if (daemon < 0) _exit(1);
         if (daemon > 0) _exit(0);

@@ -215,7 +215,7 @@ bool lockFileWrittenBy(const LockFileContent &lock, const ProcessHandle &process
     // process cannot be shown to be the owner's.
     const std::optional<uid_t> user = process.user();
     if (!user || *user != lock.owner) return false;
-    const LaunchedProcess identity{process.pid(), process.startTicks().value_or(0)};
+    const LaunchedProcess identity{process.pid(), process.startTicks().value_or(0), {}, {}};
     if (process.couldHaveWritten(lock.version.mtime)) {
         if (process.startTicks()) rememberLockWriter(lock.version, identity);
         return true;

@@ -237,7 +237,7 @@ std::string QuendralInstance::findExecutable() const {
 int32_t QuendralInstance::launchExecutable(const std::string &executable,
                                            const std::vector<std::string> &options,
                                            const std::string &directory) {
-    Launch launch = launchServer(executable, options, directory, _onFork);
+    Launch launch = launchServer(executable, options, directory, _onFork, _onMove);
     _unit = launch.unit;
     _execReport = std::move(launch.report);
     if (launch.pid == 0 && launch.forkError != 0)
@@ -299,8 +299,14 @@ bool QuendralInstance::startup() {
         _launched = lock.record(child);
         return _launched.has_value();
     };
+    // And where the service manager gave it a scope, the scope too: a server
+    // that leaves its session at once lives on there.
+    _onMove = [&](const std::string &cgroup) {
+        if (_launched) _launched = lock.recordScope(cgroup);
+    };
     _pid = ProcessHandle(launchExecutable(executable, {"quendral", "-f"}, _path));
     _onFork = {};
+    _onMove = {};
     if (_pid.pid() == 0) {
         if (_failure.kind == ActionFailure::None)
             refuse(ActionFailure::StartLockFailed, "cannot record the start: " + lock.error());

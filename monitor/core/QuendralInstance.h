@@ -276,6 +276,8 @@ class QuendralInstance {
     std::optional<quendral::LaunchedProcess> _launched;
     // While startup() launches: records the start at the fork.
     std::function<bool(pid_t)> _onFork;
+    // And at the move into a unit of its own: records its control group.
+    std::function<void(const std::string &)> _onMove;
     // The unit of the user's service manager the last launch was moved into.
     std::string _unit;
 };

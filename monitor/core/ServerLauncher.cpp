@@ -161,7 +161,8 @@ std::optional<std::string> ExecReport::failure(int waitMs) {
 }
 
 Launch launchServer(const std::string &executable, const std::vector<std::string> &options,
-                    const std::string &directory, const std::function<bool(pid_t)> &forked) {
+                    const std::string &directory, const std::function<bool(pid_t)> &forked,
+                    const std::function<void(const std::string &)> &inUnit) {
     Launch launch;
     // Everything the child needs is prepared before the fork: between fork
     // and exec it makes system calls only.
@@ -230,6 +231,11 @@ Launch launchServer(const std::string &executable, const std::vector<std::string
         launch.report = ExecReport(report[0], executable, directory);
         const UnitMove move = moveIntoOwnScope(child, directory, currentLogIdent());
         launch.unit = move.unit;
+        // Known before the child may go: a server that leaves its session at
+        // once is still in its scope.
+        if (move.moved && inUnit) {
+            if (const std::string cgroup = unifiedCgroupOf(child); !cgroup.empty()) inUnit(cgroup);
+        }
         // Where the user has no service manager at all, a server without a
         // unit is how every server runs: only a manager that is there and
         // fails is worth a line, and once: a tray that starts servers all

@@ -78,8 +78,10 @@ struct Launch {
 // before anything that may wait (the move into a unit); should it answer
 // false, or this process be gone before the move is decided, the child ends
 // without running the program (then pid is 0 and forkError 0: the caller
-// knows why).
+// knows why). `inUnit`, when given, is called with the control group of the
+// unit the child was moved into, before the child may run.
 Launch launchServer(const std::string &executable, const std::vector<std::string> &options,
-                    const std::string &directory, const std::function<bool(pid_t)> &forked = {});
+                    const std::string &directory, const std::function<bool(pid_t)> &forked = {},
+                    const std::function<void(const std::string &)> &inUnit = {});
 
 } // namespace quendral

@@ -49,6 +49,19 @@ std::string escapeUnitNamePart(const std::string &part) {
     return out;
 }
 
+std::string unifiedCgroupOf(pid_t pid) {
+    char path[48];
+    (void)std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));
+    char buf[4096];
+    if (!sys::readWholeSmall(path, buf, sizeof buf)) return "";
+    // The unified hierarchy's line: "0::PATH".
+    const char *line = std::strncmp(buf, "0::", 3) == 0 ? buf : std::strstr(buf, "\n0::");
+    if (!line) return "";
+    line += line == buf ? 3 : 4;
+    const char *end = std::strchr(line, '\n');
+    return std::string(line, end ? static_cast<size_t>(end - line) : std::strlen(line));
+}
+
 std::string unitOfProcess(pid_t pid) {
     char path[48];
     (void)std::snprintf(path, sizeof path, "/proc/%d/cgroup", static_cast<int>(pid));

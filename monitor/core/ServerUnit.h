@@ -52,6 +52,10 @@ std::string escapeUnitNamePart(const std::string &part);
 // group), or "" where it is in none or this cannot be read.
 std::string unitOfProcess(pid_t pid);
 
+// The control group of `pid` in the unified hierarchy ("/user.slice/…/x.scope"),
+// or "" where it cannot be read.
+std::string unifiedCgroupOf(pid_t pid);
+
 // How long a start waits for the manager at the most.
 constexpr int kReplyLimitMs = 1000;
 // What the scope gives a server between SIGTERM and SIGKILL.

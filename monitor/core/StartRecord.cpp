@@ -137,7 +137,7 @@ std::optional<std::string> findDirectory(std::string &error) {
 
 std::optional<LaunchedProcess> readRecordFd(int fd) {
     struct stat st;
-    char buf[64];
+    char buf[kRecordSizeLimit];
     ssize_t n = -1;
     // Only a record of the user's own counts: one planted by another user
     // (while the directory was ever open to others) is void.
@@ -152,7 +152,43 @@ std::optional<LaunchedProcess> readRecordFd(int fd) {
     const char *second = end;
     const unsigned long long ticks = std::strtoull(second, &end, 10);
     if (end == second || pid <= 0 || pid > INT32_MAX) return std::nullopt;
-    return LaunchedProcess{static_cast<pid_t>(pid), ticks, st.st_mtim};
+    LaunchedProcess record{static_cast<pid_t>(pid), ticks, st.st_mtim, {}};
+    // Then, where the launch was given a scope, its control group: taken
+    // only when the line is whole (it is written in one piece over the
+    // shorter record, whose first bytes it repeats).
+    while (*end == ' ') end++;
+    if (const char *nl = std::strchr(end, '\n'); *end == '/' && nl) {
+        record.cgroup.assign(end, static_cast<size_t>(nl - end));
+        if (record.cgroup.find("/..") != std::string::npos) record.cgroup.clear();
+    }
+    return record;
+}
+
+// "pid ticks" at fixed widths, then " cgroup" where there is one, one line.
+std::string recordText(const LaunchedProcess &p) {
+    char text[48];
+    (void)std::snprintf(text, sizeof text, "%20ld %20llu", static_cast<long>(p.pid), p.startTicks);
+    return std::string(text) + (p.cgroup.empty() ? "" : " " + p.cgroup) + "\n";
+}
+
+// Whether a process of the control group `cgroup` (unified hierarchy) is
+// alive and began no earlier than `notBefore`: its pid, else nullopt.
+std::optional<pid_t> liveMemberOfCgroup(const std::string &cgroup, unsigned long long notBefore) {
+    for (const char *root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
+        const std::string procs = std::string(root) + cgroup + "/cgroup.procs";
+        const auto text = sys::readWhole(procs.c_str());
+        if (!text) continue;
+        const char *p = text->c_str();
+        for (char *end = nullptr;; p = end) {
+            const long pid = std::strtol(p, &end, 10);
+            if (end == p) break;
+            const auto stat = readProcessStat(static_cast<pid_t>(pid));
+            if (stat && !hasEnded(stat->state) && stat->startTicks >= notBefore)
+                return static_cast<pid_t>(pid);
+        }
+        return std::nullopt;
+    }
+    return std::nullopt;
 }
 
 int openRecord(const std::string &path, int flags) {
@@ -211,13 +247,17 @@ std::optional<pid_t> liveProcessOfStart(const LaunchedProcess &p) {
     // process that took the pid later began later.
     const auto stat = readProcessStat(p.pid);
     if (stat && stat->startTicks == p.startTicks && !hasEnded(stat->state)) return p.pid;
-    // Its pid given to another process: nothing of that start was left when
-    // the system gave it away (a session's number is never reused while a
-    // member lives).
-    if (stat && stat->startTicks != p.startTicks) return std::nullopt;
-    // Ended: a server that daemonises lives on in the session the launch
-    // began (its first process exits, the daemon writes the lock file later).
-    return liveMemberOf(p.pid, p.startTicks);
+    // Its pid given to another process: nothing of that start was left in
+    // its session when the system gave it away (a session's number is never
+    // reused while a member lives). Else, ended: a server that daemonises
+    // lives on in the session the launch began (its first process exits,
+    // the daemon writes the lock file later).
+    if (!stat || stat->startTicks == p.startTicks)
+        if (const auto member = liveMemberOf(p.pid, p.startTicks)) return member;
+    // One that left its session too lives on in the scope the service
+    // manager gave the launch, where there is one.
+    if (!p.cgroup.empty()) return liveMemberOfCgroup(p.cgroup, p.startTicks);
+    return std::nullopt;
 }
 
 namespace {
@@ -494,21 +534,46 @@ std::optional<LaunchedProcess> StartLock::record(pid_t pid) {
         logMessage("cannot record the start of %@: the launched process is gone", {recordPath_});
         return std::nullopt;
     }
-    // Always the same length, written in one piece at the start of the file:
-    // a reader without the lock sees the whole record.
-    char text[48];
-    const int len = std::snprintf(text, sizeof text, "%20ld %20llu\n", static_cast<long>(pid),
-                                  stat->startTicks);
-    ssize_t n =
-        sys::retryOnInterrupt([&] { return pwrite(fd_, text, static_cast<size_t>(len), 0); });
-    if (n == len) return LaunchedProcess{pid, stat->startTicks, {}};
-    std::string why = recordPath_ + ": " + (n < 0 ? std::strerror(errno) : "short write");
-    (void)ftruncate(fd_, 0); // no half record here
+    recorded_ = LaunchedProcess{pid, stat->startTicks, {}, {}};
+    std::string why;
+    if (writeRecord(recordText(recorded_), why)) return recorded_;
+    logMessage("cannot record the start of %@: %@", {recordPath_, why});
+    error_ = why;
+    return std::nullopt;
+}
+
+LaunchedProcess StartLock::recordScope(const std::string &cgroup) {
+    LaunchedProcess scoped = recorded_;
+    scoped.cgroup = cgroup;
+    std::string why;
+    // Without it the start is still seen as long as its session lives.
+    if (!cgroup.empty() && cgroup[0] == '/' && cgroup.find('\n') == std::string::npos &&
+        cgroup.size() < kRecordSizeLimit / 2 && writeRecord(recordText(scoped), why))
+        recorded_ = scoped;
+    return recorded_;
+}
+
+bool StartLock::writeRecord(const std::string &text, std::string &why) {
+    if (state_ != Held) return false;
+    const ssize_t len = static_cast<ssize_t>(text.size());
+    ssize_t n = -1;
+    // Written in one piece at the start of the file, over a shorter record
+    // whose first bytes it repeats: a reader without the lock sees a whole
+    // record, old or new.
+    if (recordElsewhere_.empty()) {
+        n = sys::retryOnInterrupt([&] { return pwrite(fd_, text.data(), text.size(), 0); });
+        if (n == len) return true;
+        why = recordPath_ + ": " + (n < 0 ? std::strerror(errno) : "short write");
+        (void)ftruncate(fd_, 0); // no half record here
+    } else {
+        why = "the first record's place";
+    }
     // The lock's place could not take it (full, read-only since): a later
     // place can, and every front end reads every place. Written beside and
     // renamed in, so that no reader ever sees it half written.
     const std::string name = recordPath_.substr(recordPath_.find_last_of('/'));
     for (int place = place_ + 1; place < kPlaces; place++) {
+        if (!recordElsewhere_.empty() && recordElsewhere_.rfind(placeName(place), 0) != 0) continue;
         std::string error;
         const auto dir = makePlace(place, error);
         if (!dir) {
@@ -522,16 +587,16 @@ std::optional<LaunchedProcess> StartLock::record(pid_t pid) {
             why += "; " + temp + ": " + std::strerror(errno);
             continue;
         }
-        n = sys::retryOnInterrupt([&] { return write(fd, text, static_cast<size_t>(len)); });
+        n = sys::retryOnInterrupt([&] { return write(fd, text.data(), text.size()); });
         const int err = n < 0 ? errno : EIO;
-        if (close(fd) == 0 && n == len && rename(temp.c_str(), path.c_str()) == 0)
-            return LaunchedProcess{pid, stat->startTicks, {}};
+        if (close(fd) == 0 && n == len && rename(temp.c_str(), path.c_str()) == 0) {
+            recordElsewhere_ = path;
+            return true;
+        }
         why += "; " + path + ": " + std::strerror(n == len ? errno : err);
         unlink(temp.c_str());
     }
-    logMessage("cannot record the start of %@: %@", {recordPath_, why});
-    error_ = why;
-    return std::nullopt;
+    return false;
 }
 
 } // namespace quendral

@@ -58,7 +58,13 @@ struct LaunchedProcess {
     // When the record was written, just after the launch, as the wall clock
     // read then (from the record's file; zero where not read from one).
     timespec recordedAt{};
+    // The control group of the scope the launch was moved into (unified
+    // hierarchy), "" where it has none.
+    std::string cgroup;
 };
+
+// A record is a line of a few dozen bytes; anything longer is cut here.
+constexpr size_t kRecordSizeLimit = 4096;
 
 // A live process of the start that `launched` began: the launched process
 // itself, or once it has ended a live member of the session or process
@@ -118,18 +124,27 @@ class StartLock {
     // error() says why, and gives nullopt: the launched child must then not
     // run the server, since no other front end would see its start.
     std::optional<LaunchedProcess> record(pid_t pid);
+    // Adds to the record the control group of the scope the launched
+    // process was moved into, before it may run: a server that leaves its
+    // session is followed there. Returns the record as it now stands.
+    LaunchedProcess recordScope(const std::string &cgroup);
 
     static constexpr int kWaitLimitMs = 2000;
 
   private:
     void sweepVoidRecords() const;
     void lockAt();
+    // Writes the record's text in the lock's file, or where that place
+    // cannot take it in a later place; false with `why` where none can.
+    bool writeRecord(const std::string &text, std::string &why);
 
     State state_ = Failed;
     std::string error_;
     std::string recordPath_;
     int fd_ = -1;   // the record file, locked while Held
     int place_ = 0; // which place holds it
+    LaunchedProcess recorded_;
+    std::string recordElsewhere_; // where the record went, if not in the lock's file
 };
 
 // The directory holding the records (created when missing), or nullopt with

@@ -16,7 +16,7 @@ tray=${3:+$(realpath "$3")}
 um_start
 um_installation "$demo"
 home=$UM_HOME
-for name in database sales forking; do
+for name in database sales forking daemon; do
     mkdir -p "$home/$name"
     printf '[database]\n' >"$home/$name/quendral.ini"
 done
@@ -90,6 +90,32 @@ for p in $(pgrep -u "$UM_USER" -f 'quendral -f'); do
     [ "$(unit_of "$p")" = "$fork_unit" ] || fail "process $p of the forking server is in $(unit_of "$p")"
 done
 [ "$processes" -eq 2 ] || fail "the forking server has $processes processes, not 2"
+
+echo "== a server that leaves its session at once is starting until it speaks, in its scope"
+daemon() { q QUENDRAL_DEMO_DAEMON=2 QUENDRAL_DEMO_START_DELAY_MS=3000 "$ctl" "$@"; }
+out=$(daemon start daemon 2>&1) || fail "start: $out"
+[ "$out" = "daemon starting" ] || fail "start said: $out"
+daemons() {
+    local p n=0
+    for p in $(pgrep -u "$UM_USER" -f 'quendral -f'); do
+        [ "$(readlink "/proc/$p/cwd")" = "$home/daemon" ] || continue
+        [ "$(ps -o stat= -p "$p" | cut -c1)" = Z ] && continue
+        n=$((n + 1))
+    done
+    echo "$n"
+}
+# The launched process and the one between have gone; the daemon, in a
+# session of its own, is all that is left, and its scope holds it.
+for i in $(seq 50); do [ "$(daemons)" -eq 1 ] && break; sleep 0.05; done
+[ "$(daemons)" -eq 1 ] || fail "$(daemons) processes of the daemon"
+[ "$(ctl status daemon | head -n 1)" = "daemon starting" ] ||
+    fail "status while the daemon starts: $(ctl status daemon)"
+out=$(daemon start daemon 2>&1) || fail "second start: $out"
+[ "$out" = "daemon already starting" ] || fail "second start said: $out"
+out=$(daemon start daemon --wait 10 2>&1) || fail "start --wait: $out"
+[ "$out" = "daemon started" ] || fail "start --wait said: $out"
+[ "$(daemons)" -eq 1 ] || fail "$(daemons) servers on the directory"
+ctl stop daemon --wait 10 >/dev/null || fail "stop daemon"
 
 echo "== a directory whose name is not UTF-8 gets a scope of its own, described with escapes"
 bad=$'bad\xff'
