@@ -120,7 +120,12 @@ std::vector<std::string> serverEnvironment() {
             continue;
         env.emplace_back(entry);
     }
-    for (const auto &[name, value] : serverOverrides) env.push_back(name + "=" + value);
+    for (const auto &[name, value] : serverOverrides) {
+        std::string entry = name;
+        entry += '=';
+        entry += value;
+        env.push_back(std::move(entry));
+    }
     return env;
 }
 

@@ -96,11 +96,10 @@ LockOpen openLockFile(const std::string &path, const std::string &directory) {
             close(at);
             if (next < 0) {
                 const std::string stepPath = path.substr(0, path.size() - rest.size() - 1);
-                if (err == ENOENT) {
-                    r.read.status = BoundedRead::Missing;
-                } else if ((err == ENOTDIR || err == ELOOP) && isLink(stepPath)) {
+                const bool link = (err == ENOTDIR || err == ELOOP) && isLink(stepPath);
+                if (link) {
                     r.distrust = stepPath + " is a symbolic link";
-                } else if (err == ENOTDIR) {
+                } else if (err == ENOENT || err == ENOTDIR) {
                     r.read.status = BoundedRead::Missing;
                 } else {
                     r.read.status = BoundedRead::Failed;

@@ -76,14 +76,17 @@ std::string usableHome() {
 enum Place { kHomePlace = 0, kRuntimePlace = 1, kTmpPlace = 2, kPlaces = 3 };
 
 const std::string &placeName(int place) {
-    static const std::string names[kPlaces] = {
-        [] {
-            const std::string home = usableHome();
-            return home.empty() ? std::string() : home + "/.local/state/quendral-monitor";
-        }(),
-        "/run/user/" + std::to_string(geteuid()) + "/quendral-monitor",
-        "/tmp/quendral-monitor-" + std::to_string(geteuid()),
-    };
+    // Found once per user: a child that changed its user (a test dropping
+    // privileges) finds its own.
+    static uid_t foundFor = static_cast<uid_t>(-1);
+    static std::string names[kPlaces];
+    if (foundFor != geteuid()) {
+        foundFor = geteuid();
+        const std::string home = usableHome();
+        names[kHomePlace] = home.empty() ? std::string() : home + "/.local/state/quendral-monitor";
+        names[kRuntimePlace] = "/run/user/" + std::to_string(foundFor) + "/quendral-monitor";
+        names[kTmpPlace] = "/tmp/quendral-monitor-" + std::to_string(foundFor);
+    }
     return names[place];
 }
 
@@ -269,7 +272,9 @@ std::string directoryError;
 } // namespace
 
 std::optional<std::string> startRecordDirectory(std::string *error) {
-    if (!directoryKnown) {
+    static uid_t knownFor = static_cast<uid_t>(-1);
+    if (!directoryKnown || knownFor != geteuid()) {
+        knownFor = geteuid();
         directoryError.clear();
         knownDirectory = findDirectory(directoryError);
         directoryKnown = true;
@@ -321,7 +326,7 @@ std::optional<LaunchedProcess> liveStartRecord(const std::string &directory) {
         const std::string path = placeName(place) + name;
         const int fd = openRecord(path, O_RDONLY);
         if (fd < 0) continue;
-        const auto record = readRecordFd(fd);
+        auto record = readRecordFd(fd);
         close(fd);
         if (record && isLive(*record)) return record;
         // Void: its start ended without anyone concluding it (the front end
@@ -574,10 +579,10 @@ bool StartLock::writeRecord(const std::string &text, std::string &why) {
     const std::string name = recordPath_.substr(recordPath_.find_last_of('/'));
     for (int place = place_ + 1; place < kPlaces; place++) {
         if (!recordElsewhere_.empty() && recordElsewhere_.rfind(placeName(place), 0) != 0) continue;
-        std::string error;
-        const auto dir = makePlace(place, error);
+        std::string unusable;
+        const auto dir = makePlace(place, unusable);
         if (!dir) {
-            why += "; " + error;
+            why += "; " + unusable;
             continue;
         }
         const std::string path = *dir + name;

@@ -16,7 +16,11 @@ bool xembedTrayPresent() {
         // ":0.1" names screen 1; most sessions have screen 0 alone.
         const std::string d = display;
         const size_t dot = d.rfind('.');
-        if (dot != std::string::npos && d.find(':') < dot) screen = std::atoi(d.c_str() + dot + 1);
+        if (dot != std::string::npos && d.find(':') < dot) {
+            char *end = nullptr;
+            const long n = std::strtol(d.c_str() + dot + 1, &end, 10);
+            if (*end == '\0' && n >= 0 && n < 64) screen = static_cast<int>(n);
+        }
     }
     const std::string name = "_NET_SYSTEM_TRAY_S" + std::to_string(screen);
     xcb_intern_atom_reply_t *atom = xcb_intern_atom_reply(

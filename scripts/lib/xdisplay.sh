@@ -13,14 +13,18 @@ qm_until() {
     done
 }
 
-# Starts Xvfb on a free display and exports DISPLAY.
+# Starts Xvfb on a free display and exports DISPLAY; $2 is the screen's size
+# (default 1024x768). Xvfb picks the display itself (-displayfd): two tests
+# starting at once never pick the same one.
 qm_start_xvfb() {
-    local log=$1 n
-    for n in $(seq 90 140); do
-        [ -e "/tmp/.X11-unix/X$n" ] || [ -e "/tmp/.X$n-lock" ] || break
-    done
-    Xvfb ":$n" -screen 0 1024x768x24 -nolisten tcp >"$log" 2>&1 &
+    local log=$1 size=${2:-1024x768} fifo n=
+    fifo=$(mktemp -u /tmp/quendral-xvfb.XXXXXX)
+    mkfifo "$fifo" || return 1
+    Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp 3>"$fifo" >"$log" 2>&1 &
     qm_pids+=($!)
+    read -r -t 10 n <"$fifo" || true
+    rm -f "$fifo"
+    [ -n "$n" ] || return 1
     export DISPLAY=:$n
     qm_until 10 xdpyinfo >/dev/null 2>&1
 }

@@ -19,11 +19,7 @@ if [ -z "${QM_PLASMA_INNER:-}" ]; then
     qm_pids=()
     . "$(dirname "$0")/../../scripts/lib/xdisplay.sh"
     # Plasma lays its default panel out for the screen: along the bottom.
-    for n in $(seq 90 140); do [ -e "/tmp/.X11-unix/X$n" ] || [ -e "/tmp/.X$n-lock" ] || break; done
-    Xvfb ":$n" -screen 0 1280x800x24 -nolisten tcp >"$work/xvfb.log" 2>&1 &
-    qm_pids+=($!)
-    export DISPLAY=:$n
-    qm_until 10 xdpyinfo >/dev/null 2>&1 || { echo "FAIL: Xvfb did not start" >&2; exit 1; }
+    qm_start_xvfb "$work/xvfb.log" 1280x800 || { echo "FAIL: Xvfb did not start" >&2; exit 1; }
     status=0
     QM_PLASMA_INNER=$work dbus-run-session -- "$0" "$@" || status=$?
     for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
