@@ -28,7 +28,8 @@ if [ -z "${QM_WAYLAND_INNER:-}" ]; then
         ASAN_OPTIONS="${ASAN_OPTIONS:-}" LSAN_OPTIONS="${LSAN_OPTIONS:-}" \
         UBSAN_OPTIONS="${UBSAN_OPTIONS:-}" \
         dbus-run-session -- "$0" "$@" || status=$?
-    pkill -u nobody -x sway 2>/dev/null || true
+    # Only this run's compositor: another run may have its own beside it.
+    pkill -u nobody -f "^sway -c $work/sway.conf" 2>/dev/null || true
     rm -rf "$work"
     exit $status
 fi
