@@ -569,7 +569,13 @@ bool StartLock::writeRecord(const std::string &text, std::string &why) {
         n = sys::retryOnInterrupt([&] { return pwrite(fd_, text.data(), text.size(), 0); });
         if (n == len) return true;
         why = recordPath_ + ": " + (n < 0 ? std::strerror(errno) : "short write");
-        (void)ftruncate(fd_, 0); // no half record here
+        // A record that stands there already stays: a longer one written
+        // over it in part still begins with it, and its line is not whole.
+        if (recorded_.cgroup.empty() && text == recordText(recorded_)) {
+            (void)ftruncate(fd_, 0); // no half record here
+        } else {
+            return false;
+        }
     } else {
         why = "the first record's place";
     }

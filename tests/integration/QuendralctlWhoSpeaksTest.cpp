@@ -34,9 +34,17 @@ class QuendralctlWhoSpeaks : public CtlInstallation {
         return "env " + env + " " + extraEnv + " " + shellQuote(QUENDRALCTL_PATH);
     }
     // Runs `script` as root in a mount namespace of its own, where mounts
-    // over the home and /tmp's places are seen by nobody else.
+    // over the home are seen by nobody else, with a /tmp of its own that
+    // holds only the installation: the start records' place under /tmp is
+    // this test's alone, and no other test meets what it leaves there.
     CtlResult inOwnMounts(const std::string &script) {
-        return runShell("unshare -m sh -c " + shellQuote("set -e; " + script));
+        const std::string h = shellQuote(home.path());
+        return runShell(
+            "unshare -m sh -c " +
+            shellQuote("set -e; keep=$(mktemp -d /var/tmp/quendral-ns.XXXXXX); mount --bind " + h +
+                       " \"$keep\"; mount -t tmpfs -o mode=1777 none /tmp; mkdir -p " + h +
+                       "; mount --bind \"$keep\" " + h + "; umount \"$keep\"; rmdir \"$keep\"; " +
+                       script));
     }
     static bool canUnshareMounts() {
         return geteuid() == 0 && runShell("unshare -m true").status == 0;
