@@ -68,7 +68,7 @@ Instances waitUntilListening(const Instances &list,
         // time, never at the price of a busy core.
         const auto cost = now - lookBegan;
         const auto pause = std::clamp<Clock::duration>(
-            std::max(cost * kReadyCostFactor, (now - began) / kReadyCostFactor),
+            std::max(cost * kReadyCostFactor, (now - began) / kReadyLatenessDivisor),
             std::chrono::milliseconds(kReadyPollMs), std::chrono::milliseconds(kReadyPollMaxMs));
         events.sleep(pending, std::min(deadline, now + pause));
     }
