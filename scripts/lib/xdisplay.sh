@@ -36,7 +36,7 @@ qm_start_trayer() {
     qm_pids+=($!)
     qm_until 10 qm_has_panel
 }
-qm_has_panel() { xwininfo -root -tree | grep -q '"panel" "trayer"'; }
+qm_has_panel() { xwininfo -root -tree | grep '"panel" "trayer"' >/dev/null; }
 
 # "X Y" of the middle of the monitor's icon docked in trayer's panel (a window
 # in the panel's subtree), or nothing.

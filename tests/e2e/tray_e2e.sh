@@ -41,7 +41,7 @@ qm_start_trayer "$work/trayer.log" || fail "no tray host"
 qm_until 15 qm_icon_docked || { cat "$work/monitor.log"; fail "the icon did not dock"; }
 kill "${qm_pids[-1]}"
 wait "${qm_pids[-1]}" 2>/dev/null || true
-qm_until 5 sh -c '! xwininfo -root -tree | grep -q "\"panel\" \"trayer\""' || fail "trayer did not end"
+qm_until 5 sh -c '! xwininfo -root -tree | grep "\"panel\" \"trayer\"" >/dev/null' || fail "trayer did not end"
 qm_start_trayer "$work/trayer-again.log" || fail "no tray host the second time"
 qm_until 15 qm_icon_docked || { cat "$work/monitor.log"; fail "the icon did not dock again"; }
 echo "icon docked at $(qm_icon_center), before and after the tray host restarted"
