@@ -18,7 +18,7 @@ QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desk
     dbus-bin dbus-daemon libglib2.0-bin systemd dbus-user-session haskell-status-notifier-item-utils
     "${QM_PKGS_DISPLAY[@]}")
 # Static analysis.
-QM_PKGS_LINT=(clang-tidy cppcheck)
+QM_PKGS_LINT=(clang-tidy cppcheck jq)
 # Building the packages (dpkg-shlibdeps and rpmbuild find their dependencies)
 # and checking them against the distributions' rules.
 QM_PKGS_PACKAGE=(dpkg-dev file rpm rpm2cpio cpio lintian appstream)
