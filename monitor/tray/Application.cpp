@@ -45,11 +45,15 @@ Application::Application(std::string bundlePath) : _bundlePath(std::move(bundleP
         const qint64 value = ms.toLongLong(&ok);
         if (ok && value > 0) _silentHostRefreshMs = value;
     }
+    _firstAnswerTimer.setSingleShot(true);
+    _firstAnswerTimer.setInterval(kFirstAnswerMs);
+    connect(&_firstAnswerTimer, &QTimer::timeout, this, &Application::firstAnswerLate);
     _menuUpdateTimer.setInterval(500);
     connect(&_menuUpdateTimer, &QTimer::timeout, this, &Application::menuTimerFired);
     _hostWatcher = new TrayHostWatcher(this);
     connect(_hostWatcher, &TrayHostWatcher::watcherAppeared, this, &Application::watcherAppeared);
     connect(_hostWatcher, &TrayHostWatcher::hostDidRegister, this, &Application::hostRegistered);
+    connect(_hostWatcher, &TrayHostWatcher::hostAnswered, this, &Application::hostAnswered);
     connect(_hostWatcher, &TrayHostWatcher::noTrayTimedOut, this, &Application::noticeMissingTray);
     _hostMenuWindows = new HostMenuWindows(this);
     connect(_hostMenuWindows, &HostMenuWindows::menuClosed, this, [this] {
@@ -85,27 +89,43 @@ void Application::applicationDidFinishLaunching() {
     _manager = std::make_unique<QuendralManager>();
     setupGlobalEnvironment();
     createMenu();
-
-    // Whether a D-Bus host (StatusNotifierItem) or an X11 tray (XEmbed)
-    // shows the icon is decided once, when it is made. X11 trays take the
-    // icon whenever they appear, so there it is made at once; elsewhere
-    // (Wayland) only a D-Bus host can show it, and the icon waits for one,
-    // as at login, when the monitor may start before the panel. The check
-    // for a missing tray is armed only while no tray has the icon, so a
-    // docked monitor sleeps until the user opens the menu.
-    const bool x11 = QGuiApplication::platformName() == QLatin1String("xcb");
-    _hostWatcher->start(x11 || QGuiApplication::platformName() == QLatin1String("wayland"));
-    const bool bus = QDBusConnection::sessionBus().isConnected();
-    if (bus && TrayHostWatcher::hostRegistered())
-        createDBusStatusItem();
-    else if (x11 || !bus)
-        createTrayIcon();
+    createStatusItem();
 }
 
 void Application::createStatusItem() {
-    if (TrayHostWatcher::hostRegistered())
-        createDBusStatusItem();
-    else
+    // Whether a D-Bus host (StatusNotifierItem) or an X11 tray (XEmbed)
+    // shows the icon is decided when the watcher answers whether a host is
+    // there. X11 trays take the icon whenever they appear, so there it goes
+    // to one if the watcher has not answered within kFirstAnswerMs (it
+    // moves to a host that answers later); elsewhere (Wayland) only a D-Bus
+    // host can show it, and the icon waits for one, as at login, when the
+    // monitor may start before the panel, or before the watcher answers.
+    // The check for a missing tray is armed only while no tray has the
+    // icon, so a docked monitor sleeps until the user opens the menu.
+    const bool x11 = QGuiApplication::platformName() == QLatin1String("xcb");
+    _hostWatcher->start(x11 || QGuiApplication::platformName() == QLatin1String("wayland"));
+    if (!QDBusConnection::sessionBus().isConnected()) {
+        createTrayIcon();
+        return;
+    }
+    _firstAnswerPending = true;
+    _hostWatcher->askHost();
+    _firstAnswerTimer.start();
+}
+
+void Application::firstAnswerLate() {
+    if (!_firstAnswerPending) return;
+    _firstAnswerPending = false;
+    if (QGuiApplication::platformName() == QLatin1String("xcb")) createTrayIcon();
+}
+
+void Application::hostAnswered(bool registered) {
+    const bool first = _firstAnswerPending;
+    _firstAnswerPending = false;
+    _firstAnswerTimer.stop();
+    if (registered)
+        hostRegistered();
+    else if (first && QGuiApplication::platformName() == QLatin1String("xcb"))
         createTrayIcon();
 }
 
@@ -238,8 +258,9 @@ void Application::leaveDBusStatusItem() {
 }
 
 void Application::moveToDBusStatusItem() {
+    // Only when a host is known to be there (it registered, or the watcher
+    // said so).
     if (!_statusItem || qtExportsMenu() || _sniItem || _hostKeepsNoItem) return;
-    if (!TrayHostWatcher::hostRegistered()) return;
     // One icon at a time: the XEmbed icon goes before the item is shown.
     if (_menu->isVisible()) _menu->hide();
     _statusItem.reset();
@@ -261,9 +282,11 @@ void Application::popUpMenu(int x, int y) {
 }
 
 void Application::hostRegistered() {
+    // The first answer is not waited for any longer: a host is there.
+    _firstAnswerPending = false;
+    _firstAnswerTimer.stop();
     if (_sniItem && !_sniItem->isRegistered()) _sniItem->registerWithWatcher();
-    if (!_statusItem && !_sniItem && !_hostKeepsNoItem && TrayHostWatcher::hostRegistered())
-        createDBusStatusItem();
+    if (!_statusItem && !_sniItem && !_hostKeepsNoItem) createDBusStatusItem();
     moveToDBusStatusItem();
 }
 
@@ -271,7 +294,9 @@ void Application::watcherAppeared() {
     // A new watcher (a panel restarted): it may keep the item.
     _hostKeepsNoItem = false;
     if (!_sniItem && !qtExportsMenu()) {
-        hostRegistered();
+        // Whether a host is there already: the answer, or a host that
+        // registers with the new watcher, brings the item.
+        _hostWatcher->askHost();
         return;
     }
     // A new watcher knows nothing of the item registered with the one

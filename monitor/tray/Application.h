@@ -62,7 +62,11 @@ class Application : public QObject {
     // Makes the tray icon: the monitor's own StatusNotifierItem where a
     // D-Bus tray host is there to show it, else Qt's icon for an X11 tray
     // (XEmbed). Where neither can show it yet, the item waits for a host.
+    // The watcher is asked without waiting for it.
     void createStatusItem();
+    // How long the X11 icon waits for the watcher to say whether a host
+    // will show the item instead.
+    static constexpr int kFirstAnswerMs = 2000;
     void updateMenuItem(InstanceAction *item, const QuendralInstance &instance);
     Q_INVOKABLE void applicationDidFinishLaunching();
     void setupGlobalEnvironment();
@@ -108,8 +112,12 @@ class Application : public QObject {
   private slots:
     // A StatusNotifierWatcher appeared (a panel started or restarted).
     void watcherAppeared();
-    // A host registered with the watcher.
+    // A host registered with the watcher, or the watcher said one has.
     void hostRegistered();
+    // The watcher's answer whether a host has registered.
+    void hostAnswered(bool registered);
+    // The watcher did not answer within kFirstAnswerMs of the launch.
+    void firstAnswerLate();
     void noticeMissingTray();
 
   private:
@@ -161,6 +169,10 @@ class Application : public QObject {
     // The watcher's host dropped the item for good; cleared when another
     // watcher appears.
     bool _hostKeepsNoItem = false;
+    // The icon waits for the watcher's first answer before it goes to an
+    // X11 tray.
+    bool _firstAnswerPending = false;
+    QTimer _firstAnswerTimer;
 
     // The menu's fixed items, made once.
     QAction *_noInstances = nullptr;

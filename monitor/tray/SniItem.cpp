@@ -107,14 +107,21 @@ void SniItem::registerWithWatcher() {
     call << QString::fromLatin1(kItemPath);
     // Not waited for. A watcher that has just taken its name may not serve
     // its object yet; then the item is registered again when a host
-    // registers with that watcher.
+    // registers with that watcher. One that does not answer in time (busy
+    // loading at login, or stopped) is asked again: it takes its messages
+    // in order once it runs, and a registration it never answered must not
+    // leave the item unregistered for good.
     _registered = false;
-    auto *pending =
-        new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call), this);
+    auto *pending = new QDBusPendingCallWatcher(
+        QDBusConnection::sessionBus().asyncCall(call, TrayHostWatcher::kAnswerMs), this);
     connect(pending, &QDBusPendingCallWatcher::finished, this,
             [this](QDBusPendingCallWatcher *done) {
-                if (!done->isError()) confirmListed();
                 done->deleteLater();
+                if (!done->isError()) {
+                    confirmListed();
+                    return;
+                }
+                if (tray::unansweredInTime(done->error().name())) registerWithWatcher();
             });
 }
 
@@ -123,11 +130,16 @@ void SniItem::confirmListed() {
         kWatcherService, kWatcherPath, QStringLiteral("org.freedesktop.DBus.Properties"),
         QStringLiteral("Get"));
     get << kWatcherService << QStringLiteral("RegisteredStatusNotifierItems");
-    auto *pending = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(get), this);
+    auto *pending = new QDBusPendingCallWatcher(
+        QDBusConnection::sessionBus().asyncCall(get, TrayHostWatcher::kAnswerMs), this);
     connect(
         pending, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *done) {
             done->deleteLater();
             const QDBusMessage reply = done->reply();
+            if (tray::unansweredInTime(reply.errorName())) {
+                confirmListed(); // as the registration: asked again
+                return;
+            }
             if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
                 return; // a watcher without the property: the reply is all it says
             const QStringList items = qvariant_cast<QDBusVariant>(reply.arguments().constFirst())

@@ -2,6 +2,7 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
 
@@ -30,14 +31,34 @@ void TrayHostWatcher::start(bool armNoTrayCheck) {
     if (armNoTrayCheck) _noTrayTimer.start();
 }
 
-bool TrayHostWatcher::hostRegistered() {
+void TrayHostWatcher::askHost() {
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) return false;
+    // One question at a time: its answer serves whoever asked meanwhile.
+    if (!bus.isConnected() || _asking) return;
     QDBusMessage get = QDBusMessage::createMethodCall(
         kWatcherService, kWatcherPath, QStringLiteral("org.freedesktop.DBus.Properties"),
         QStringLiteral("Get"));
     get << kWatcherService << QStringLiteral("IsStatusNotifierHostRegistered");
-    const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
-    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
-           qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant().toBool();
+    _asking = true;
+    auto *pending = new QDBusPendingCallWatcher(bus.asyncCall(get, kAnswerMs), this);
+    connect(
+        pending, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *done) {
+            done->deleteLater();
+            _asking = false;
+            const QDBusMessage reply = done->reply();
+            if (reply.type() == QDBusMessage::ReplyMessage) {
+                emit hostAnswered(
+                    !reply.arguments().isEmpty() &&
+                    qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant().toBool());
+                return;
+            }
+            // No answer in time: a watcher busy loading (or stopped) takes
+            // its messages in order once it runs, so the question is asked
+            // again while it holds its name. A watcher that is gone says
+            // so when another comes (watcherAppeared).
+            if (tray::unansweredInTime(reply.errorName()))
+                askHost();
+            else
+                emit hostAnswered(false);
+        });
 }

@@ -3,7 +3,11 @@
 // Contract:
 //   - A StatusNotifierItem host is a panel that draws tray items from
 //     D-Bus; it registers with the session's StatusNotifierWatcher.
-//     hostRegistered() asks the watcher (bounded to 2 s); the signals say
+//     askHost() asks the watcher whether one has, without waiting: the
+//     answer comes as hostAnswered, however late the watcher gives it (a
+//     watcher still loading at login answers seconds late), and a question
+//     that gets no answer within kAnswerMs is asked again while the watcher
+//     is there, so that no question is fired and forgotten. The signals say
 //     when a watcher appears (a panel started or restarted) and when a host
 //     registers with it.
 //   - The no-tray check runs only until the icon is docked: armed at launch
@@ -20,6 +24,12 @@ namespace tray {
 // Where the session's StatusNotifierWatcher answers.
 inline const QString kWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
 inline const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
+// Whether a call failed for want of an answer in time (the callee is there
+// but busy or stopped), not because it was refused or nobody serves it.
+inline bool unansweredInTime(const QString &errorName) {
+    return errorName == QLatin1String("org.freedesktop.DBus.Error.NoReply") ||
+           errorName == QLatin1String("org.freedesktop.DBus.Error.Timeout");
+}
 } // namespace tray
 
 class TrayHostWatcher : public QObject {
@@ -33,16 +43,26 @@ class TrayHostWatcher : public QObject {
     // Listens on the session bus (when there is one) and arms the no-tray
     // check when armNoTrayCheck.
     void start(bool armNoTrayCheck);
-    // Whether a host has registered with the session's watcher.
-    static bool hostRegistered();
+    // How long a call to the watcher waits for its answer before it is
+    // made again.
+    static constexpr int kAnswerMs = 5000;
+
+    // Asks the watcher whether a host has registered with it; hostAnswered
+    // tells. Nothing is asked where there is no watcher: watcherAppeared
+    // comes when there is one.
+    void askHost();
     void docked() { _noTrayTimer.stop(); }
     bool noTrayCheckPending() const { return _noTrayTimer.isActive(); }
 
   signals:
     void watcherAppeared();
     void hostDidRegister();
+    // The watcher's answer to askHost().
+    void hostAnswered(bool registered);
     void noTrayTimedOut();
 
   private:
     QTimer _noTrayTimer;
+    // A question to the watcher is on its way.
+    bool _asking = false;
 };
