@@ -17,9 +17,11 @@ void CollectingReporter::ReportRuns(const std::vector<Run> &runs) {
         // accumulated field holds the statistic times the repetition count.
         const double perIteration =
             run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-        // Known by full name and, for benchmarks without arguments, by
-        // function name alone (the full name carries options like min_time).
-        for (const std::string &key : {name, run.run_name.function_name}) {
+        // Known by full name and by function name with its arguments alone
+        // ("BM_Load/1"; the full name carries options like min_time).
+        std::string shortName = run.run_name.function_name;
+        if (!run.run_name.args.empty()) shortName += "/" + run.run_name.args;
+        for (const std::string &key : {name, shortName}) {
             seconds_[key] = perIteration;
             for (const auto &[counterName, c] : run.counters) counters_[key][counterName] = c.value;
         }

@@ -1,7 +1,11 @@
 // Configuration library benchmarks, each against a peer or a floor measured
 // in the same run:
-//   - loading a large generated file, against the MD5 of its bytes alone (the
-//     floor: a load must digest every byte) and against inih's ini_parse;
+//   - loading two large files (one of every kind of line, one of many plain
+//     sections each after a comment line), against the MD5 of its bytes alone
+//     (the floor: a load must digest every byte) and against inih's
+//     ini_parse, and the fresh pages each load takes (minor faults: where a
+//     fault costs microseconds, as on many virtual machines, fresh memory
+//     costs more than the parse);
 //   - loading a small "quendral.ini", against a bare open/read/close of it;
 //   - MD5 of 256 MiB, against OpenSSL;
 //   - allocations of a load, against the number of entries.
@@ -20,14 +24,22 @@
 #include <filesystem>
 #include <random>
 #include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
 std::string workDir;
-std::string largeFile, smallFile;
-int64_t largeSize = 0;
+std::string smallFile;
+// The large files, by the benchmarks' argument.
+struct LargeFile {
+    const char *what;
+    std::string path;
+    int64_t size = 0;
+};
+LargeFile large[2] = {{"every kind of line", {}, 0}, {"plain sections after comments", {}, 0}};
 
 // sections x keys key lines, with comment lines, header comments, quoted
 // values holding ';', inline comments and continuation lines.
@@ -63,6 +75,24 @@ std::string generate(int sections, int keys) {
     return out;
 }
 
+// sections of `keys` plain key lines each, every section after a comment
+// line: the shape of a large generated settings file.
+std::string generatePlain(int sections, int keys) {
+    std::string out;
+    out.reserve(static_cast<size_t>(sections) * (keys + 2) * 38);
+    char line[256];
+    for (int s = 0; s < sections; s++) {
+        std::snprintf(line, sizeof line, "; group %d of the generated settings\n[group_%05d]\n", s,
+                      s);
+        out += line;
+        for (int k = 0; k < keys; k++) {
+            std::snprintf(line, sizeof line, "setting_%02d = value %d of group %05d\n", k, k, s);
+            out += line;
+        }
+    }
+    return out;
+}
+
 void writeOut(const std::string &path, const std::string &text) {
     FILE *f = std::fopen(path.c_str(), "wb");
     if (!f || std::fwrite(text.data(), 1, text.size(), f) != text.size()) std::abort();
@@ -73,10 +103,12 @@ void setUp() {
     char tmpl[] = "/tmp/cfgbench.XXXXXX";
     if (!mkdtemp(tmpl)) std::abort();
     workDir = tmpl;
-    largeFile = workDir + "/large.ini";
-    const std::string text = generate(20000, 20);
-    largeSize = static_cast<int64_t>(text.size());
-    writeOut(largeFile, text);
+    const std::string texts[2] = {generate(20000, 20), generatePlain(20000, 22)};
+    for (int i = 0; i < 2; i++) {
+        large[i].path = workDir + "/large" + std::to_string(i) + ".ini";
+        large[i].size = static_cast<int64_t>(texts[i].size());
+        writeOut(large[i].path, texts[i]);
+    }
     smallFile = workDir + "/quendral.ini";
     writeOut(smallFile, "; Quendral server configuration\n"
                         "[database]\n"
@@ -102,8 +134,9 @@ void loadOrDie(const std::string &path) {
 }
 
 void BM_LoadLarge(benchmark::State &state) {
-    for (auto _ : state) loadOrDie(largeFile);
-    state.SetBytesProcessed(state.iterations() * largeSize);
+    const LargeFile &f = large[state.range(0)];
+    for (auto _ : state) loadOrDie(f.path);
+    state.SetBytesProcessed(state.iterations() * f.size);
 }
 
 int inihHandler(void *user, const char *section, const char *name, const char *value) {
@@ -115,23 +148,22 @@ int inihHandler(void *user, const char *section, const char *name, const char *v
 }
 
 void BM_InihLarge(benchmark::State &state) {
+    const LargeFile &f = large[state.range(0)];
     for (auto _ : state) {
         size_t count = 0;
-        if (ini_parse(largeFile.c_str(), inihHandler, &count) < 0) std::abort();
+        if (ini_parse(f.path.c_str(), inihHandler, &count) < 0) std::abort();
         benchmark::DoNotOptimize(count);
     }
-    state.SetBytesProcessed(state.iterations() * largeSize);
+    state.SetBytesProcessed(state.iterations() * f.size);
 }
 
 // The part of a load no parser can avoid: the digest of every byte.
 void BM_Md5OfLargeFile(benchmark::State &state) {
-    static const std::string bytes = [] {
-        FILE *f = std::fopen(largeFile.c_str(), "rb");
-        std::string b(static_cast<size_t>(largeSize), '\0');
-        if (!f || std::fread(b.data(), 1, b.size(), f) != b.size()) std::abort();
-        std::fclose(f);
-        return b;
-    }();
+    const LargeFile &f = large[state.range(0)];
+    std::string bytes(static_cast<size_t>(f.size), '\0');
+    FILE *file = std::fopen(f.path.c_str(), "rb");
+    if (!file || std::fread(bytes.data(), 1, bytes.size(), file) != bytes.size()) std::abort();
+    std::fclose(file);
     unsigned char out[16];
     for (auto _ : state) {
         TWK_MD5Context ctx;
@@ -140,7 +172,45 @@ void BM_Md5OfLargeFile(benchmark::State &state) {
         TWK_MD5Final(out, &ctx);
         benchmark::DoNotOptimize(out);
     }
-    state.SetBytesProcessed(state.iterations() * largeSize);
+    state.SetBytesProcessed(state.iterations() * f.size);
+}
+
+long minorFaults() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage); // every thread of the process: the digest's too
+    return usage.ru_minflt;
+}
+
+// Fresh pages (minor faults) of a process's first load of the file, and the
+// mean of the loads after it; measured in a child, so that nothing the
+// benchmarks did before counts.
+struct Faults {
+    double first = -1, later = -1;
+};
+Faults faultsOfLoads(const std::string &path) {
+    int fds[2];
+    if (pipe(fds) != 0) std::abort();
+    const pid_t child = fork();
+    if (child < 0) std::abort();
+    if (child == 0) {
+        close(fds[0]);
+        Faults f;
+        long before = minorFaults();
+        loadOrDie(path);
+        f.first = static_cast<double>(minorFaults() - before);
+        constexpr int kLoads = 8;
+        before = minorFaults();
+        for (int i = 0; i < kLoads; i++) loadOrDie(path);
+        f.later = static_cast<double>(minorFaults() - before) / kLoads;
+        _exit(write(fds[1], &f, sizeof f) == static_cast<ssize_t>(sizeof f) ? 0 : 1);
+    }
+    close(fds[1]);
+    Faults f;
+    if (read(fds[0], &f, sizeof f) != static_cast<ssize_t>(sizeof f)) f = Faults{};
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return f;
 }
 
 void BM_LoadSmall(benchmark::State &state) {
@@ -217,16 +287,22 @@ void BM_AllocationsPerLoad(benchmark::State &state) {
 // digests on a second thread, so one busy moment of another process on the
 // machine skews a single run far more than it skews the peers.
 BENCHMARK(BM_LoadLarge)
+    ->Arg(0)
+    ->Arg(1)
     ->Unit(benchmark::kMillisecond)
     ->MinTime(1.0)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_InihLarge)
+    ->Arg(0)
+    ->Arg(1)
     ->Unit(benchmark::kMillisecond)
     ->MinTime(1.0)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_Md5OfLargeFile)
+    ->Arg(0)
+    ->Arg(1)
     ->Unit(benchmark::kMillisecond)
     ->MinTime(1.0)
     ->Repetitions(5)
@@ -241,30 +317,45 @@ BENCHMARK(BM_AllocationsPerLoad)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(400000
 
 int main(int argc, char **argv) {
     setUp();
+    // Before the benchmarks, in children of their own: the first load's
+    // figure is that of a process that loaded nothing before.
+    Faults faults[2];
+    for (int i = 0; i < 2; i++) faults[i] = faultsOfLoads(large[i].path);
     bench::CollectingReporter reporter;
     const bool ran = bench::runBenchmarks(argc, argv, reporter);
     std::filesystem::remove_all(workDir);
     if (!ran) return 2;
 
-    auto t = [&](const char *name) { return reporter.secondsPerIteration(name); };
-    std::printf("\nConfiguration library, ratios measured in this run (file %.1f MB):\n",
-                static_cast<double>(largeSize) / 1e6);
+    auto t = [&](const std::string &name) { return reporter.secondsPerIteration(name); };
+    std::printf("\nConfiguration library, ratios measured in this run:\n");
     bool ok = true;
-    // A load digests every byte, so the MD5 of the file alone is its floor;
-    // how far it stays above that floor is what the parser costs.
-    if (t("BM_LoadLarge") > 0 && t("BM_Md5OfLargeFile") > 0)
-        ok &= bench::printRatio("large file load time vs MD5 of the file alone",
-                                t("BM_LoadLarge") / t("BM_Md5OfLargeFile"), 1.3, false);
-    // Against inih the ratio can be no better than inih's time over the MD5
-    // time (a load that cost nothing beyond its digest), and that ceiling
-    // moves with how fast this CPU digests and with the machine's load: a
-    // figure to read, not a verdict.
-    if (t("BM_LoadLarge") > 0 && t("BM_InihLarge") > 0)
-        bench::printRatio("large file load throughput vs inih ini_parse",
-                          t("BM_InihLarge") / t("BM_LoadLarge"), 0, true);
-    if (t("BM_Md5OfLargeFile") > 0 && t("BM_InihLarge") > 0)
-        bench::printRatio("  ceiling: inih time vs MD5 of the file alone",
-                          t("BM_InihLarge") / t("BM_Md5OfLargeFile"), 0, true);
+    const double pageSize = static_cast<double>(sysconf(_SC_PAGESIZE));
+    for (int i = 0; i < 2; i++) {
+        const std::string arg = std::string("/").append(std::to_string(i));
+        const double load = t("BM_LoadLarge" + arg), inih = t("BM_InihLarge" + arg),
+                     md5 = t("BM_Md5OfLargeFile" + arg);
+        const double pages = static_cast<double>(large[i].size) / pageSize;
+        std::printf("  large file %d, %s (%.1f MB, %.0f pages):\n", i, large[i].what,
+                    static_cast<double>(large[i].size) / 1e6, pages);
+        // A load digests every byte, so the MD5 of the file alone is its
+        // floor; how far it stays above that floor is what the parser costs.
+        if (load > 0 && md5 > 0)
+            ok &= bench::printRatio("  load time vs MD5 of the file alone", load / md5, 1.3, false);
+        if (load > 0 && inih > 0)
+            ok &= bench::printRatio("  load throughput vs inih ini_parse", inih / load, 2.5, true);
+        // How far above inih a load could be at best: one that cost nothing
+        // beyond its digest.
+        if (md5 > 0 && inih > 0)
+            bench::printRatio("    ceiling: inih time vs MD5 of the file alone", inih / md5, 0,
+                              true);
+        if (faults[i].later >= 0) {
+            std::printf("  %-58s %7.0f\n", "  fresh pages, first load of the process",
+                        faults[i].first);
+            ok &= bench::printRatio("  fresh pages per later load, share of the file's pages",
+                                    faults[i].later / pages, 0.5, false);
+            std::printf("  %-58s %7.0f\n", "    (fresh pages per later load)", faults[i].later);
+        }
+    }
     if (t("BM_LoadSmall") > 0 && t("BM_ReadSmallFloor") > 0)
         bench::printRatio("small quendral.ini load time vs open/read/close",
                           t("BM_LoadSmall") / t("BM_ReadSmallFloor"), 0, false);
@@ -284,7 +375,9 @@ int main(int argc, char **argv) {
     }
     std::printf("\n");
     if (first > 0)
-        std::printf("  (array growth only: %.0f -> %.0f allocations over 400x the entries)\n",
+        std::printf("  (%.0f -> %.0f over 400x the entries: the entries array grows, and from "
+                    "1 MiB on the text and the entries are blocks the library keeps between "
+                    "loads)\n",
                     first, last);
     return ok ? 0 : 1;
 }

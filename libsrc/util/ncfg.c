@@ -5,7 +5,7 @@
  * writes NUL bytes into the buffer to end strings, and entries point into it,
  * so a load allocates the buffer and the entries array and nothing else.
  */
-#define _DEFAULT_SOURCE /* madvise */
+#define _GNU_SOURCE /* sched_yield, st_mtim */
 
 #include "ncfg_internal.h"
 
@@ -15,7 +15,8 @@
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -54,6 +55,26 @@ static inline char *find_eol(char *p, const char *end) {
     return p;
 }
 
+/* How many line-end bytes [p, end) holds: one more than that is the most
+ * entries the text can give. */
+static size_t count_eol(const char *p, const char *end) {
+    size_t n = 0;
+#ifdef __SSE2__
+    const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r'), eof = _mm_set1_epi8(0x1A),
+                  nul = _mm_setzero_si128();
+    while (end - p >= 16) {
+        const __m128i v = _mm_loadu_si128((const __m128i *)(const void *)p);
+        const __m128i hit =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, lf), _mm_cmpeq_epi8(v, cr)),
+                         _mm_or_si128(_mm_cmpeq_epi8(v, eof), _mm_cmpeq_epi8(v, nul)));
+        n += (size_t)__builtin_popcount((unsigned)_mm_movemask_epi8(hit));
+        p += 16;
+    }
+#endif
+    for (; p < end; p++) n += IS_EOL(*p) ? 1 : 0;
+    return n;
+}
+
 /* First byte in [p, end) that can matter to a value scan: a quote or ';'. */
 static inline char *find_value_special(char *p, const char *end) {
 #ifdef __SSE2__
@@ -89,12 +110,12 @@ void cfg_free_entry(TWK_CfgEntry *e) {
 }
 
 void cfg_clear(TWK_CfgHandle *h) {
-    free(h->text);
+    cfg_mem_free(h->text);
     for (uint32_t i = 0; i < h->numEntries; i++) {
         /* Parser entries own nothing; skip the call for them. */
         if (h->entries[i].flags) cfg_free_entry(&h->entries[i]);
     }
-    free(h->entries);
+    cfg_mem_free(h->entries);
 
     char *fileName = h->fileName;
     /* The mutex is the last field: zero everything before it. */
@@ -114,7 +135,7 @@ int cfg_reserve(TWK_CfgHandle *h, uint32_t more) {
     if (want < (uint64_t)h->numEntries + more) want = (uint64_t)h->numEntries + more;
     if (want > UINT32_MAX || want > SIZE_MAX / sizeof(TWK_CfgEntry)) return -1;
 
-    TWK_CfgEntry *grown = realloc(h->entries, (size_t)want * sizeof(TWK_CfgEntry));
+    TWK_CfgEntry *grown = cfg_mem_realloc(h->entries, (size_t)want * sizeof(TWK_CfgEntry));
     if (grown == NULL) return -1;
     h->entries = grown;
     h->maxEntries = (uint32_t)want;
@@ -147,11 +168,17 @@ static char *scan_value(char *v, const char *lend) {
     }
 }
 
+struct digest_job;
+static size_t wait_digested(struct digest_job *job, size_t upto);
+
 /* Parses h->text (h->size bytes and a NUL) into entries. -1 when the entries
- * array cannot grow. */
-static int cfg_parse(TWK_CfgHandle *h) {
+ * array cannot grow. With a digest job, no line is written into before the
+ * job has digested it. */
+static int cfg_parse(TWK_CfgHandle *h, struct digest_job *job) {
     char *p = h->text;
     char *const end = h->text + h->size;
+    /* Where the parser may write up to, as far as it knows. */
+    char *writable = job ? h->text : end + 1;
 
     while (p < end) {
         while (p < end && IS_EOL(*p)) p++;
@@ -159,6 +186,13 @@ static int cfg_parse(TWK_CfgHandle *h) {
 
         char *line = p;
         char *lend = find_eol(p, end);
+        /* A line's writes reach no further than its line end; the last
+         * line's is the text's own NUL, which is no byte of the file. */
+        if (lend >= writable) {
+            const size_t upto = (size_t)(lend - h->text) + 1;
+            const size_t size = (size_t)h->size;
+            writable = h->text + wait_digested(job, upto < size ? upto : size);
+        }
         if (lend < end) {
             /* A terminated line loses its trailing blanks; the last line of a
              * file without a final line end keeps them. */
@@ -218,81 +252,101 @@ static int cfg_parse(TWK_CfgHandle *h) {
 
 /* ---- loading ---- */
 
-/* Reads exactly size bytes of an open regular file. Normally one read; more
- * only where the kernel caps a single read (files over 2 GiB). */
-static int read_exactly(int fd, char *buf, size_t size) {
-    size_t got = 0;
-    while (got < size) {
-        ssize_t n = read(fd, buf + got, size - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return -1;
-        got += (size_t)n;
+/* A file's bytes are read into one buffer and parsed there. Large files are
+ * digested on a helper thread while the parser follows: the helper digests
+ * the buffer a chunk at a time and says how far it got, and the parser, which
+ * ends strings by writing NUL bytes into the buffer, writes into no line the
+ * helper has not digested yet. So the digest is always that of the very bytes
+ * the entries came from, whatever happens to the file meanwhile. */
+
+/* Files from this size on are digested on a helper thread: MD5 costs about
+ * as much as reading and parsing together, and a thread costs nothing next to
+ * either at this size. */
+#define PARALLEL_DIGEST_MIN ((size_t)1 << 20)
+/* How much the helper digests before it says how far it got. */
+#define DIGEST_CHUNK ((size_t)64 << 10)
+
+struct digest_job {
+    const char *text;
+    size_t size;
+    size_t done; /* bytes digested so far; written by the helper (atomic) */
+    unsigned char digest[16];
+};
+
+static void *digest_worker(void *arg) {
+    struct digest_job *job = arg;
+    /* The digest length is 32 bits wide: past 4 GiB only size mod 2^32 bytes
+     * are digested. */
+    const size_t todo = (uint32_t)job->size;
+    TWK_MD5Context ctx;
+    TWK_MD5Init(&ctx);
+    for (size_t done = 0; done < todo;) {
+        const size_t n = todo - done < DIGEST_CHUNK ? todo - done : DIGEST_CHUNK;
+        TWK_MD5Update(&ctx, job->text + done, (uint32_t)n);
+        done += n;
+        __atomic_store_n(&job->done, done, __ATOMIC_RELEASE);
     }
-    return 0;
+    TWK_MD5Final(job->digest, &ctx);
+    /* Bytes past the digested length may be written from here on. */
+    __atomic_store_n(&job->done, job->size, __ATOMIC_RELEASE);
+    return NULL;
+}
+
+/* Waits until the helper has digested every byte before `upto` (an offset
+ * into the text); returns how far it got. */
+static size_t wait_digested(struct digest_job *job, size_t upto) {
+    for (unsigned spins = 0;; spins++) {
+        const size_t done = __atomic_load_n(&job->done, __ATOMIC_ACQUIRE);
+        if (done >= upto) return done;
+        /* The helper digests a chunk in tens of microseconds; on a machine
+         * with one free core it must be let run. */
+        if (spins < 256) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+        } else {
+            sched_yield();
+        }
+    }
 }
 
 static void digest_bytes(const char *buf, size_t size, unsigned char digest[16]) {
-    /* The digest length is 32 bits wide: past 4 GiB only size mod 2^32 bytes
-     * are digested. */
     TWK_MD5Context ctx;
     TWK_MD5Init(&ctx);
     TWK_MD5Update(&ctx, buf, (uint32_t)size);
     TWK_MD5Final(digest, &ctx);
 }
 
-/* Files from this size on are digested on a helper thread while the main
- * thread reads and parses them: MD5 costs about as much as reading and
- * parsing together, and a thread costs nothing next to either at this size. */
-#define PARALLEL_DIGEST_MIN ((size_t)1 << 20)
-
-/* The helper reads the file on its own through pread, so it never looks at
- * the buffer the parser is writing into. */
-struct digest_job {
-    int fd;
-    size_t size;
-    int ok;
-    unsigned char digest[16];
-};
-
-static void *digest_worker(void *arg) {
-    struct digest_job *job = arg;
-    enum { CHUNK = 128 * 1024 };
-    unsigned char chunk[CHUNK];              /* threads get megabytes of stack; this is 128 KiB */
-    const size_t todo = (uint32_t)job->size; /* size mod 2^32, as above */
-    TWK_MD5Context ctx;
-    TWK_MD5Init(&ctx);
-    size_t done = 0;
-    job->ok = 1;
-    while (done < todo) {
-        size_t want = todo - done < CHUNK ? todo - done : CHUNK;
-        ssize_t n = pread(job->fd, chunk, want, (off_t)done);
+/* Reads the whole of an open regular file of `size` bytes into buf, which
+ * holds size + 1. 0 when exactly size bytes came and the file then ended;
+ * -1 when it could not be read or was shorter or longer than size. */
+static int read_exactly(int fd, char *buf, size_t size) {
+    /* The most one read(2) gives (Linux's MAX_RW_COUNT); below it, a regular
+     * file's short read is its end. */
+    const size_t most = 0x7ffff000;
+    size_t got = 0;
+    /* One byte more than expected is asked for: a file that grew since its
+     * size was taken shows it so. */
+    while (got <= size) {
+        const size_t want = size + 1 - got;
+        ssize_t n = read(fd, buf + got, want);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            job->ok = 0;
-            break;
-        }
-        TWK_MD5Update(&ctx, chunk, (uint32_t)n);
-        done += (size_t)n;
+        if (n < 0) return -1;
+        got += (size_t)n;
+        if (n == 0 || ((size_t)n < want && want <= most)) break;
     }
-    TWK_MD5Final(job->digest, &ctx);
-    return NULL;
+    return got == size ? 0 : -1;
 }
 
-/* The buffer for a file's text. Large ones are aligned to and marked for huge
- * pages where the system has them: faulting in a fresh 16 MB buffer 4 KiB at a
- * time otherwise costs as much as parsing it. */
-static char *alloc_text(size_t size) {
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    const size_t huge = (size_t)2 << 20;
-    if (size + 1 >= huge) {
-        void *p = NULL;
-        const size_t rounded = (size + 1 + huge - 1) & ~(huge - 1);
-        if (posix_memalign(&p, huge, rounded) != 0) return NULL;
-        madvise(p, rounded, MADV_HUGEPAGE);
-        return p;
-    }
-#endif
-    return malloc(size + 1);
+/* Whether what fstat says of the file now is what it said when the read
+ * began: the same size, and no write since (change time to the nanosecond). */
+static int unchanged_since(int fd, const struct stat *before) {
+    struct stat now;
+    return fstat(fd, &now) == 0 && now.st_size == before->st_size &&
+           now.st_mtim.tv_sec == before->st_mtim.tv_sec &&
+           now.st_mtim.tv_nsec == before->st_mtim.tv_nsec &&
+           now.st_ctim.tv_sec == before->st_ctim.tv_sec &&
+           now.st_ctim.tv_nsec == before->st_ctim.tv_nsec;
 }
 
 /* Moves a freshly read and parsed file into h, replacing what it held. */
@@ -309,6 +363,10 @@ static void install(TWK_CfgHandle *h, TWK_CfgHandle *fresh, const unsigned char 
     h->flags = TWK_CFG_LOADED;
 }
 
+/* How many times a file that changes while it is read is read again before
+ * the load fails. */
+#define READ_ATTEMPTS 3
+
 int32_t _cfg_refresh(TWK_CfgHandle *h) {
     if (h == NULL) return -1;
     struct stat st;
@@ -324,52 +382,62 @@ int32_t _cfg_refresh(TWK_CfgHandle *h) {
     if (!S_ISREG(st.st_mode)) return -1;
     int fd = open(h->fileName, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return -1;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
-        (uint64_t)st.st_size >= SIZE_MAX) {
-        close(fd);
-        return -1;
-    }
-    const size_t size = (size_t)st.st_size;
 
-    struct digest_job job = {.fd = fd, .size = size};
-    pthread_t worker;
-    const int parallel =
-        size >= PARALLEL_DIGEST_MIN && pthread_create(&worker, NULL, digest_worker, &job) == 0;
-
-    /* The new content is parsed into a scratch handle; h keeps its entries
-     * until the digest shows that the content really changed. */
+    /* The new content is read into a scratch handle; h keeps its entries
+     * until the digest shows that the content really changed. A file that
+     * is written while it is read (its size or change time moved) is read
+     * again: its entries are those of one content, never a mix. */
     TWK_CfgHandle fresh;
     memset(&fresh, 0, offsetof(TWK_CfgHandle, mutex));
-    fresh.text = alloc_text(size);
-    int readOk = fresh.text != NULL && read_exactly(fd, fresh.text, size) == 0;
-    int parseOk = 0;
-    unsigned char digest[16];
-    if (readOk) {
-        fresh.text[size] = '\0';
-        fresh.size = (int64_t)size;
-        if (!parallel) {
-            digest_bytes(fresh.text, size, digest);
-            if (memcmp(digest, h->digest, sizeof(digest)) == 0) {
-                /* Same bytes: keep the entries. size and mtime stay as they
-                 * were, so a touched file is read and digested again next time. */
-                free(fresh.text);
-                close(fd);
-                return 0;
-            }
-        }
-        parseOk = size == 0 || cfg_parse(&fresh) == 0;
-    }
-    if (parallel) {
-        pthread_join(worker, NULL);
-        readOk = readOk && job.ok;
-        memcpy(digest, job.digest, sizeof(digest));
+    size_t size = 0;
+    int readOk = 0;
+    for (int attempt = 0; attempt < READ_ATTEMPTS && !readOk; attempt++) {
+        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0 ||
+            (uint64_t)st.st_size >= SIZE_MAX)
+            break;
+        size = (size_t)st.st_size;
+        char *text = cfg_mem_realloc(fresh.text, size + 1);
+        if (text == NULL) break;
+        fresh.text = text;
+        readOk = (attempt == 0 || lseek(fd, 0, SEEK_SET) == 0) &&
+                 read_exactly(fd, fresh.text, size) == 0 && unchanged_since(fd, &st);
     }
     close(fd);
-
     if (!readOk) {
         cfg_clear(&fresh);
         return -1;
     }
+    fresh.text[size] = '\0';
+    fresh.size = (int64_t)size;
+
+    unsigned char digest[16];
+    struct digest_job job = {.text = fresh.text, .size = size};
+    pthread_t worker;
+    const int parallel =
+        size >= PARALLEL_DIGEST_MIN && pthread_create(&worker, NULL, digest_worker, &job) == 0;
+    if (!parallel) {
+        digest_bytes(fresh.text, size, digest);
+        if (memcmp(digest, h->digest, sizeof(digest)) == 0) {
+            /* Same bytes: keep the entries. size and mtime stay as they were,
+             * so a touched file is read and digested again next time. */
+            cfg_clear(&fresh);
+            return 0;
+        }
+    }
+    if (parallel) {
+        /* The entries array takes its memory at once for as many entries as
+         * the text can hold: grown step by step, each step would move what
+         * it holds into new pages. Its capacity in entries (maxEntries)
+         * still grows by the rule of cfg_reserve, inside this block. */
+        const size_t most = count_eol(fresh.text, fresh.text + size) + 1;
+        if (most <= UINT32_MAX) fresh.entries = cfg_mem_alloc(most * sizeof(TWK_CfgEntry));
+    }
+    const int parseOk = size == 0 || cfg_parse(&fresh, parallel ? &job : NULL) == 0;
+    if (parallel) {
+        pthread_join(worker, NULL);
+        memcpy(digest, job.digest, sizeof(digest));
+    }
+
     if (memcmp(digest, h->digest, sizeof(digest)) == 0) {
         cfg_clear(&fresh);
         return 0;

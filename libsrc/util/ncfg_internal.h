@@ -17,6 +17,13 @@ void cfg_free_entry(TWK_CfgEntry *e);
  * except fileName and the mutex. The handle is left not loaded. */
 void cfg_clear(TWK_CfgHandle *h);
 
+/* Memory for a handle's text and entries (ncfg_mem.c): as malloc, realloc
+ * and free, but large blocks are kept for the next load instead of being
+ * mapped afresh each time. Only these three may touch such a block. */
+void *cfg_mem_alloc(size_t size);
+void *cfg_mem_realloc(void *p, size_t size);
+void cfg_mem_free(void *p);
+
 /* Makes room for `more` entries beyond numEntries. With more == 1 the array
  * grows as the reader grows it (103 first, then by half plus one); larger
  * requests grow it by half plus the count needed. -1 when it cannot grow. */

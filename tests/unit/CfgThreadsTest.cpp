@@ -61,6 +61,48 @@ TEST(CfgThreads, ConcurrentRefreshAndLookupStayConsistent) {
     EXPECT_STREQ(h->value, "v300");
 }
 
+// Handles of their own in several threads, each loading and letting go of
+// large files over and over: the blocks a load leaves for the next one pass
+// between threads, and each load still holds its own file's entries.
+TEST(CfgThreads, LargeLoadsInSeveralThreadsEachGetTheirOwnFile) {
+    TempDir dir;
+    std::vector<std::string> paths, digests;
+    std::vector<uint32_t> counts;
+    for (int t = 0; t < 4; t++) {
+        std::string text;
+        // Sizes apart, so that blocks of every size change hands.
+        for (int i = 0; text.size() < (size_t{1} << 20) + (size_t(t) << 19); i++)
+            text += "[s" + std::to_string(i) + "]\nk = " + std::to_string(t * 1000000 + i) +
+                    " ; note\n";
+        paths.push_back(dir / ("f" + std::to_string(t) + ".ini"));
+        writeFile(paths.back(), text);
+        digests.push_back(md5Hex(text));
+        Handle h = openFile(paths.back());
+        ASSERT_TRUE(h);
+        counts.push_back(h->numEntries);
+    }
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> loaders;
+    for (int t = 0; t < 4; t++) {
+        loaders.emplace_back([&, t] {
+            for (int round = 0; round < 12; round++) {
+                TWK_CfgHandle *h = nullptr;
+                if (TWK_Cfg_init(&h, paths[size_t(t)].c_str()) != 0) {
+                    wrong++;
+                    continue;
+                }
+                if (hex(h->digest) != digests[size_t(t)] || h->numEntries != counts[size_t(t)] ||
+                    TWK_Cfg_find(h, "s7", "k") != 0 ||
+                    std::string(h->value) != std::to_string(t * 1000000 + 7))
+                    wrong++;
+                TWK_Cfg_done(h);
+            }
+        });
+    }
+    for (auto &t : loaders) t.join();
+    EXPECT_EQ(wrong.load(), 0);
+}
+
 TEST(CfgThreads, CallersGuardingFieldReadsSeeWholeValues) {
     TempDir dir;
     const std::string path = dir / "c.ini";
