@@ -34,17 +34,34 @@ class QuendralctlWhoSpeaks : public CtlInstallation {
         return "env " + env + " " + extraEnv + " " + shellQuote(QUENDRALCTL_PATH);
     }
     // Runs `script` as root in a mount namespace of its own, where mounts
-    // over the home are seen by nobody else, with a /tmp of its own that
-    // holds only the installation: the start records' place under /tmp is
-    // this test's alone, and no other test meets what it leaves there.
+    // over the home are seen by nobody else, with a /tmp of its own: the
+    // start records' place under /tmp is this test's alone, and no other
+    // test meets what it leaves there. The script mounts with
+    // `over PATH rw|ro TMPFS-OPTIONS`, which keeps what the test needs
+    // (its installation, the build's programs) where it was, wherever that
+    // lies: under /tmp, or under the home mounted over.
     CtlResult inOwnMounts(const std::string &script) {
-        const std::string h = shellQuote(home.path());
-        return runShell(
-            "unshare -m sh -c " +
-            shellQuote("set -e; keep=$(mktemp -d /var/tmp/quendral-ns.XXXXXX); mount --bind " + h +
-                       " \"$keep\"; mount -t tmpfs -o mode=1777 none /tmp; mkdir -p " + h +
-                       "; mount --bind \"$keep\" " + h + "; umount \"$keep\"; rmdir \"$keep\"; " +
-                       script));
+        const std::string build = fs::path(QUENDRALCTL_PATH).parent_path().parent_path().string();
+        const std::string prelude =
+            "set -e; keep=" + shellQuote(home.path() + "\n" + build) +
+            "\n"
+            "over() {\n"
+            "  saved=\n"
+            "  for k in $(printf '%s\\n' \"$keep\"); do\n"
+            "    case \"$k/\" in \"$1\"/*)\n"
+            "      t=$(mktemp -d /var/tmp/quendral-ns.XXXXXX); mount --bind \"$k\" \"$t\"\n"
+            "      saved=\"$saved $k=$t\";;\n"
+            "    esac\n"
+            "  done\n"
+            "  mount -t tmpfs -o \"$3\" none \"$1\"\n"
+            "  for s in $saved; do\n"
+            "    k=${s%%=*}; t=${s#*=}\n"
+            "    mkdir -p \"$k\"; mount --bind \"$t\" \"$k\"; umount \"$t\"; rmdir \"$t\"\n"
+            "  done\n"
+            "  if [ \"$2\" = ro ]; then mount -o remount,ro \"$1\"; fi\n"
+            "}\n"
+            "over /tmp rw mode=1777\n";
+        return runShell("unshare -m sh -c " + shellQuote(prelude + script));
     }
     static bool canUnshareMounts() {
         return geteuid() == 0 && runShell("unshare -m true").status == 0;
@@ -191,10 +208,10 @@ TEST_F(QuendralctlWhoSpeaks, AFullHomeRecordsTheStartElsewhereAndNoSecondServerS
     const std::string h = shellQuote(rootHome());
     const std::string slow = "QUENDRAL_DEMO_START_DELAY_MS=2000";
     const CtlResult r = inOwnMounts(
-        "mount -t tmpfs -o size=256k,mode=0700 none " + h + "; mkdir -p " + h +
-        "/.local/state; chmod -R 0700 " + h + "/.local; dd if=/dev/zero of=" + h +
-        "/fill bs=4k 2>/dev/null || true; " + ctlLine(slow) + " start; " + ctlLine() +
-        " status | head -n 1; " + ctlLine(slow) + " start; " + ctlLine() + " start --wait 10");
+        "over " + h + " rw size=256k,mode=0700; mkdir -p " + h + "/.local/state; chmod -R 0700 " +
+        h + "/.local; dd if=/dev/zero of=" + h + "/fill bs=4k 2>/dev/null || true; " +
+        ctlLine(slow) + " start; " + ctlLine() + " status | head -n 1; " + ctlLine(slow) +
+        " start; " + ctlLine() + " start --wait 10");
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(r.out, "database starting\ndatabase starting\ndatabase already starting\n"
                      "database started\n")
@@ -208,7 +225,7 @@ TEST_F(QuendralctlWhoSpeaks, AReadOnlyHomeRecordsTheStartElsewhereAndStartsGoAhe
     const std::string h = shellQuote(rootHome());
     const std::string slow = "QUENDRAL_DEMO_START_DELAY_MS=2000";
     // The records' directory exists, and the home became read-only.
-    const CtlResult r = inOwnMounts("mount -t tmpfs -o mode=0700 none " + h + "; mkdir -p " + h +
+    const CtlResult r = inOwnMounts("over " + h + " rw mode=0700; mkdir -p " + h +
                                     "/.local/state/quendral-monitor; chmod -R 0700 " + h +
                                     "/.local; mount -o remount,ro " + h + "; " + ctlLine(slow) +
                                     " start; " + ctlLine(slow) + " start --wait 10");
@@ -224,12 +241,12 @@ TEST_F(QuendralctlWhoSpeaks, NoPlaceForARecordFailsTheStartAndLaunchesNothing) {
     const std::string tmpPlace = "/tmp/quendral-monitor-0";
     // Every place read-only: the home, the runtime directory where there is
     // one, and the directory under /tmp.
-    const CtlResult r = inOwnMounts(
-        "mount -t tmpfs -o ro,mode=0700 none " + h +
-        "; if [ -d /run/user/0 ]; then mount -t tmpfs -o ro,mode=0700 none /run/user/0; fi; "
-        "mkdir -p " +
-        tmpPlace + "; mount -t tmpfs -o ro,mode=0700 none " + tmpPlace + "; " + ctlLine() +
-        " start --wait 5 || echo failed=$?");
+    const CtlResult r =
+        inOwnMounts("over " + h + " ro mode=0700" +
+                    "; if [ -d /run/user/0 ]; then over /run/user/0 ro mode=0700; fi; "
+                    "mkdir -p " +
+                    tmpPlace + "; over " + tmpPlace + " ro mode=0700; " + ctlLine() +
+                    " start --wait 5 || echo failed=$?");
     EXPECT_EQ(r.out, "failed=1\n") << r.err;
     EXPECT_NE(r.err.find("database cannot be started: no place to record the start: "),
               std::string::npos)
