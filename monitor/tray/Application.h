@@ -1,5 +1,5 @@
-// The tray application: owns the instance manager, the tray icon and its
-// menu, the menu's refresh timer and the default instance.
+// The tray application: owns the instance manager, the menu and its refresh
+// timer, the default instance, and the dock that shows the icon.
 //
 // Contract:
 //   - The menu is brought in step with the instances every time it opens
@@ -8,8 +8,11 @@
 //     the icon is docked (TrayHostWatcher.h).
 //   - Its items start and stop instances after a confirmation
 //     (ConfirmationAlert.h); nothing is refreshed while the alert is up.
-//   - The icon is the monitor's own StatusNotifierItem where a D-Bus tray
-//     host shows it (SniItem.h), else Qt's icon for an X11 tray.
+//   - Where the icon is shown and how it stays there is the dock's
+//     (TrayDock.h): the monitor's own StatusNotifierItem where a D-Bus tray
+//     host shows it, else Qt's icon for an X11 tray. The application hears
+//     from it only what happens to the menu, and takes from it the token of
+//     the click that led to an alert.
 //   - What cannot be done (a URL or the log that cannot be opened, a login
 //     item that cannot be written) is logged, never silently dropped.
 #pragma once
@@ -28,10 +31,9 @@
 #include <memory>
 #include <string>
 
-class HostMenuWindows;
 class QMessageBox;
 class SniItem;
-class TrayHostWatcher;
+class TrayDock;
 
 class Application : public QObject {
     Q_OBJECT
@@ -64,9 +66,6 @@ class Application : public QObject {
     // (XEmbed). Where neither can show it yet, the item waits for a host.
     // The watcher is asked without waiting for it.
     void createStatusItem();
-    // How long the X11 icon waits for the watcher to say whether a host
-    // will show the item instead.
-    static constexpr int kFirstAnswerMs = 2000;
     void updateMenuItem(InstanceAction *item, const QuendralInstance &instance);
     Q_INVOKABLE void applicationDidFinishLaunching();
     void setupGlobalEnvironment();
@@ -79,9 +78,9 @@ class Application : public QObject {
     // For the tests and the tray glue.
     QMenu *menu() const { return _menu.get(); }
     // Qt's tray icon, where an X11 tray (XEmbed) shows the icon, else null.
-    QSystemTrayIcon *statusItem() const { return _statusItem.get(); }
+    QSystemTrayIcon *statusItem() const;
     // The D-Bus status item, where a tray host shows it, else null.
-    SniItem *sniItem() const { return _sniItem.get(); }
+    SniItem *sniItem() const;
     // Whether a check for a missing tray is pending.
     bool noTrayCheckPending() const;
     // Runs exactly while the menu is open.
@@ -109,39 +108,12 @@ class Application : public QObject {
     void viewLogFile();
     void toggleStartAtLogin(QAction *sender);
 
-  private slots:
-    // A StatusNotifierWatcher appeared (a panel started or restarted).
-    void watcherAppeared();
-    // A host registered with the watcher, or the watcher said one has.
-    void hostRegistered();
-    // The watcher's answer whether a host has registered.
-    void hostAnswered(bool registered);
-    // The watcher did not answer within kFirstAnswerMs of the launch.
-    void firstAnswerLate();
-    void noticeMissingTray();
-
   private:
     bool hostDrawsMenu() const;
     // Whether Qt's own icon exports the menu to a D-Bus host.
     bool qtExportsMenu() const;
-    void popUpMenu(int x, int y);
-    void createDBusStatusItem();
-    void createTrayIcon();
-    // The tray took the icon: no notice of a missing one is needed.
-    void docked();
-    // An icon docked through XEmbed moves to a StatusNotifierItem once a
-    // host is there to show one: XEmbed icons are neither scaled nor themed,
-    // and some hosts show them apart as legacy icons.
-    void moveToDBusStatusItem();
-    // The host dropped the item for good: the icon goes to an X11 tray
-    // where there is one, else the user is told (once) that no tray shows
-    // it.
-    void leaveDBusStatusItem();
     // The host opened the menu it draws (it asked for the menu, or said so).
     void hostMenuOpening();
-    // Tells the user, over the desktop's notifications, that no tray shows
-    // the icon.
-    void notifyMissingTray();
     QAction *addGeneralItem(const char *title, bool enabled);
     // Opens a URL with the desktop's handler; false (and a log line naming
     // it) when it cannot be opened.
@@ -150,11 +122,8 @@ class Application : public QObject {
     std::unique_ptr<QuendralManager> _manager;
     // The menu outlives the icon that shows it (members go in reverse order).
     std::unique_ptr<QMenu> _menu;
-    std::unique_ptr<QSystemTrayIcon> _statusItem;
-    std::unique_ptr<SniItem> _sniItem;
-    TrayHostWatcher *_hostWatcher = nullptr;     // a child of ours
-    HostMenuWindows *_hostMenuWindows = nullptr; // a child of ours
-    qint64 _psn = 0;                             // our own process
+    std::unique_ptr<TrayDock> _dock;
+    qint64 _psn = 0; // our own process
     QTimer _menuUpdateTimer;
     bool _inModalDialog = false;
     std::shared_ptr<QuendralInstance> _defaultInstance;
@@ -165,14 +134,6 @@ class Application : public QObject {
     qint64 _menuOpenedAt = 0;
     bool _hostReportsClosing = false;
     qint64 _silentHostRefreshMs = kSilentHostRefreshMs;
-    bool _trayNoticeGiven = false;
-    // The watcher's host dropped the item for good; cleared when another
-    // watcher appears.
-    bool _hostKeepsNoItem = false;
-    // The icon waits for the watcher's first answer before it goes to an
-    // X11 tray.
-    bool _firstAnswerPending = false;
-    QTimer _firstAnswerTimer;
 
     // The menu's fixed items, made once.
     QAction *_noInstances = nullptr;

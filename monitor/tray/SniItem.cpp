@@ -229,6 +229,8 @@ void SniItemAdaptor::ContextMenu(int x, int y) {
 void SniItemAdaptor::Activate(int x, int y) {
     _item->activate(x, y);
 }
-void SniItemAdaptor::ProvideXdgActivationToken(const QString &) {}
+void SniItemAdaptor::ProvideXdgActivationToken(const QString &token) {
+    emit _item->activationTokenGiven(token);
+}
 void SniItemAdaptor::SecondaryActivate(int, int) {}
 void SniItemAdaptor::Scroll(int, const QString &) {}

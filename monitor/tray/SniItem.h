@@ -108,6 +108,9 @@ class SniItem : public QObject, protected QDBusContext {
     // The host dropped the item again after the last registration allowed:
     // it will not show it. Once per watcher.
     void droppedForGood();
+    // The host handed over an activation token for the window the click
+    // that follows may lead to (Wayland's xdg-activation).
+    void activationTokenGiven(const QString &token);
 
   private slots:
     void watcherDroppedItem(const QString &entry);
@@ -182,8 +185,8 @@ class SniItemAdaptor : public QDBusAbstractAdaptor {
     void Activate(int x, int y);
     void SecondaryActivate(int x, int y);
     void Scroll(int delta, const QString &orientation);
-    // Plasma hands over a token before each click, for a window the item
-    // might raise; the monitor raises none on a click.
+    // Plasma on Wayland hands over a token just before each click: the
+    // window the click leads to (the alert) may take focus with it.
     void ProvideXdgActivationToken(const QString &token);
 
   signals:

@@ -199,6 +199,12 @@ sleep 1.5
 echo "closed menu is left alone"
 
 # A host opens it again and clicks the instance's item: the alert, Return.
+# As Plasma does before the click on the icon, the host hands over an
+# activation token first; on X11 the alert carries it as its startup id.
+token="qm-e2e-$$_TIME$(date +%s)"
+gdbus call --session --dest "$item" --object-path /StatusNotifierItem \
+    --method org.kde.StatusNotifierItem.ProvideXdgActivationToken "$token" >/dev/null ||
+    fail "the item took no activation token"
 menu com.canonical.dbusmenu.AboutToShow 0 >/dev/null
 event 0 opened
 [ "$(label_of 0)" = "Start Instance 'R_&D__x'" ] || fail "reopened menu: $(label_of 0)"
@@ -206,6 +212,10 @@ event 0 closed
 event "$(id_of 0)" clicked
 alert_up() { xdotool search --onlyvisible --classname '^quendral-monitor$' >/dev/null 2>&1; }
 qm_until 5 alert_up || fail "clicking the item showed no alert"
+alert=$(xdotool search --onlyvisible --classname '^quendral-monitor$' | head -1)
+startup_id=$(xprop -id "$alert" _NET_STARTUP_ID)
+[[ $startup_id == *"\"$token\""* ]] || fail "the alert does not carry the host's token: $startup_id"
+echo "the alert carries the host's activation token as its startup id"
 sleep 0.3
 xdotool key Return
 qm_until 10 test -s "$inst/quendral.lck" || fail "Return in the alert did not start the server"
