@@ -9,21 +9,46 @@
 qm_pids=()
 qm_cleanup() {
     "$ctl" --home "$work/home" stop --all --wait 5 >/dev/null 2>&1 || true
-    for p in "${qm_pids[@]}"; do kill "$p" 2>/dev/null || true; done
+    qm_end_processes "${qm_pids[@]}"
     wait 2>/dev/null || true
+}
+# Ends the processes given: SIGTERM, and SIGKILL for any that has not ended
+# 10 s later (named on stderr). A desktop's helper that hangs on its way out
+# would otherwise keep the test's output open, and the test would never end.
+qm_end_processes() {
+    local p end=$((SECONDS + 10)) left
+    for p in "$@"; do kill "$p" 2>/dev/null || true; done
+    while :; do
+        left=()
+        for p in "$@"; do qm_running "$p" && left+=("$p"); done
+        [ ${#left[@]} -gt 0 ] || return 0
+        [ $SECONDS -lt $end ] || break
+        sleep 0.2
+    done
+    for p in "${left[@]}"; do
+        echo "note: $(cat "/proc/$p/comm" 2>/dev/null) ($p) did not end on SIGTERM; killed" >&2
+        kill -KILL "$p" 2>/dev/null || true
+    done
+}
+# Whether process $1 runs: ended but not yet reaped is not running.
+qm_running() {
+    local state
+    state=$(sed 's/^.*) //' "/proc/$1/stat" 2>/dev/null | cut -c1) || return 1
+    [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
 }
 # Desktops start helpers through the session bus (kded5, dconf, the shell's
 # services), not as children of the test: every process of this session
 # bus goes.
 qm_end_session_processes() {
-    local e p
+    local e p session=()
     for e in /proc/[0-9]*/environ; do
         tr '\0' '\n' 2>/dev/null <"$e" | grep -qxF "DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS" ||
             continue
         p=${e#/proc/}
         p=${p%/environ}
-        [ "$p" = $$ ] || [ "$p" = "$BASHPID" ] || kill "$p" 2>/dev/null || true
+        [ "$p" = $$ ] || [ "$p" = "$BASHPID" ] || session+=("$p")
     done
+    [ ${#session[@]} -eq 0 ] || qm_end_processes "${session[@]}"
 }
 fail() {
     echo "FAIL ($qm_host): $*" >&2
