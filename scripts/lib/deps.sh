@@ -12,7 +12,7 @@ QM_PKGS_DISPLAY=(xvfb trayer xdotool imagemagick x11-utils)
 QM_PKGS_TEST=(libgtest-dev libgmock-dev libssl-dev clang libclang-rt-14-dev desktop-file-utils dex
     zsh fish fonts-wqy-microhei weston qt6-wayland
     xfce4-panel xfwm4 xfconf dbus-x11 lxqt-panel openbox plasma-workspace plasma-desktop kded5
-    kwin-wayland qtwayland5 plasma-wayland-protocols
+    kwin-wayland qtwayland5 plasma-wayland-protocols libkf5service-bin pipewire-bin
     gnome-shell gnome-shell-extension-appindicator cinnamon xapp-sn-watcher
     mate-panel marco mate-settings-daemon-common dconf-cli
     sway waybar grim wtype jq libwayland-dev libwayland-bin
